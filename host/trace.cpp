@@ -1,0 +1,111 @@
+// Trace facility: a level per unit, lines to standard error or a stream of
+// the host's, never to standard output.
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/time.h>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "host/hostsvc.h"
+#include "platform/trc1.h"
+
+namespace {
+
+std::atomic<int32_t> defaultLevel{0};
+// True once a unit has a level of its own; until then TRC1_Sync is a
+// single relaxed load.
+std::atomic<bool> haveUnitLevels{false};
+std::mutex unitMutex;  // guards unitLevels
+std::vector<std::pair<std::string, int32_t>> unitLevels;
+std::atomic<FILE*> traceStream{nullptr};
+
+FILE* stream() {
+  FILE* out = traceStream.load(std::memory_order_relaxed);
+  return out ? out : stderr;
+}
+
+// "hh:mm:ss.uuuuuu [tid] unit" prefix of every trace line.
+void prefix(FILE* out, const char* unit) {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  struct tm local;
+  localtime_r(&now.tv_sec, &local);
+  fprintf(out, "%02d:%02d:%02d.%06ld [%lx] %s ", local.tm_hour, local.tm_min,
+          local.tm_sec, static_cast<long>(now.tv_usec),
+          static_cast<unsigned long>(pthread_self()), unit);
+}
+
+}  // namespace
+
+namespace qmta::host {
+
+void SetTraceLevel(int32_t level) { defaultLevel.store(level); }
+
+void SetUnitTraceLevel(const std::string& unit, int32_t level) {
+  std::lock_guard<std::mutex> hold(unitMutex);
+  for (auto& entry : unitLevels) {
+    if (entry.first == unit) {
+      entry.second = level;
+      return;
+    }
+  }
+  unitLevels.emplace_back(unit, level);
+  haveUnitLevels.store(true);
+}
+
+void SetTraceStream(FILE* out) { traceStream.store(out); }
+
+}  // namespace qmta::host
+
+extern "C" {
+
+int32_t TRC1_Sync(const char* unit) {
+  if (haveUnitLevels.load(std::memory_order_relaxed)) {
+    std::lock_guard<std::mutex> hold(unitMutex);
+    for (const auto& entry : unitLevels)
+      if (entry.first == unit) return entry.second;
+  }
+  return defaultLevel.load(std::memory_order_relaxed);
+}
+
+void TRC1_Event(const char* unit, const char* function, int32_t kind,
+                int64_t result) {
+  FILE* out = stream();
+  flockfile(out);
+  prefix(out, unit);
+  switch (kind) {
+    case TRC1_ENTRY:
+      fprintf(out, "entry %s\n", function);
+      break;
+    case TRC1_EXIT_VALUE:
+      fprintf(out, "exit %s result=%lld\n", function, static_cast<long long>(result));
+      break;
+    default:
+      fprintf(out, "exit %s\n", function);
+      break;
+  }
+  fflush(out);
+  funlockfile(out);
+}
+
+void TRC1_Printf(const char* unit, int32_t line, const char* format, ...) {
+  FILE* out = stream();
+  va_list values;
+  va_start(values, format);
+  flockfile(out);
+  prefix(out, unit);
+  fprintf(out, "%d: ", line);
+  vfprintf(out, format, values);
+  size_t length = strlen(format);
+  if (length == 0 || format[length - 1] != '\n') fputc('\n', out);
+  fflush(out);
+  funlockfile(out);
+  va_end(values);
+}
+
+}  // extern "C"
