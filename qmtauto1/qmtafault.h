@@ -1,4 +1,4 @@
-// Fault injection for tests: exported by the module so that a test that
+// Fault injection and state hooks for tests: exported by the module so that a test that
 // loads it with dlopen can reach it. Production never arms a fault.
 #ifndef QMTAUTO1_QMTAFAULT_H_
 #define QMTAUTO1_QMTAFAULT_H_
@@ -30,6 +30,15 @@ void qmtatest_fault_reset(void);
 // Calls of `fault` that were failed, and calls made, since the last reset.
 int32_t qmtatest_fault_hits(int32_t fault);
 int32_t qmtatest_fault_calls(int32_t fault);
+
+// The module-wide state, as a test that loaded the module sees it.
+typedef struct QmtaTestState {
+  int32_t automationFlag;
+  int32_t inDS;
+  int32_t initOnce;
+  void* tableAnchor;  // the automation anchor, or null
+} QmtaTestState;
+void qmtatest_state(QmtaTestState* state);
 
 #ifdef __cplusplus
 }

@@ -170,6 +170,9 @@ void* processsql(void* autoSql);
 AutoSql* formatsql(const SitParms* sitParms, const TableEntry* tableEntry);
 int32_t formatarg(char* cmd, const SitParms* sitParms, const char* destnode,
                   const char* argS);
+// Writes the 16-digit timestamp text (longer from the year 2900 on) into
+// `buffer`, which holds at least kTimestampBuffer characters.
+constexpr int kTimestampBuffer = 96;  // room for any int fields
 char* gettimestamp(char* buffer, const struct tm* time);
 
 // ---- Rule table --------------------------------------------------------------
