@@ -1,6 +1,7 @@
 // Rule matching and dispatch: one walk over the rule list per event, under
 // the shared table lock, with one action thread started per matching rule.
 #include <errno.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "platform/svc1.h"
@@ -41,6 +42,10 @@ int32_t searchtable(const SitParms* sitParms, const DBQ1_Handle* pathHandle) {
     pthread_t thread;  // the action thread detaches itself
     if (qmta::port::ThreadCreate(&thread, processsql, request) != 0) {
       qmtaMessage("QMTA002E THREAD CREATION ERROR=%d\n", errno);
+      // Nothing else would ever free the record of an action that could
+      // not start.
+      free(request->cmdS);
+      free(request);
       result = -2;
     } else {
       result = 0;

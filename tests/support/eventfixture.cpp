@@ -1,0 +1,65 @@
+#include "tests/support/eventfixture.h"
+
+#include <chrono>
+
+namespace qmtatest {
+
+void EventFixture::SetUp() {
+  qmta::host::ResetQueryService();
+  qmta::host::SetClockShift(std::chrono::nanoseconds(0));
+  qmta::host::SetNodeInfoFails(false);
+  dir_ = std::make_unique<ScratchDir>();
+}
+
+void EventFixture::TearDown() {
+  EXPECT_TRUE(qmta::host::WaitForActions(std::chrono::seconds(30)));
+  if (module_) {
+    auto reset = reinterpret_cast<void (*)()>(module_->Symbol("qmtatest_fault_reset"));
+    reset();
+  }
+  out_.reset();
+  dir_.reset();
+}
+
+void EventFixture::Start(const std::string& rules, const std::string& nodes) {
+  dir_->Write("QMTASITR", rules);
+  std::string error;
+  ASSERT_TRUE(qmta::host::SetDestinations(nodes, &error)) << error;
+  out_ = std::make_unique<StdoutCapture>();
+  module_ = std::make_unique<Module>();
+  path_ = qmta::host::OwnPath();
+}
+
+int32_t EventFixture::Fire(const std::string& sitname, const std::string& node,
+                           int32_t currstate, int32_t prevstate,
+                           const std::vector<std::pair<std::string, std::string>>& attributes,
+                           const char* threshold) {
+  std::vector<const char*> names, values;
+  for (const auto& [name, value] : attributes) {
+    names.push_back(name.c_str());
+    values.push_back(value.c_str());
+  }
+  return module_->autoexit(sitname.c_str(), node.c_str(), prevstate, currstate,
+                           "1261116000509000", static_cast<int32_t>(names.size()),
+                           names.data(), values.data(), threshold, &path_, 0);
+}
+
+std::vector<std::string> EventFixture::Drain() {
+  EXPECT_TRUE(qmta::host::WaitForActions(std::chrono::seconds(30)));
+  return out_->TakeLines();
+}
+
+void EventFixture::Fault(int32_t fault, int32_t skip, int32_t count, int32_t error) {
+  auto arm = reinterpret_cast<void (*)(int32_t, int32_t, int32_t, int32_t)>(
+      module_->Symbol("qmtatest_fault_arm"));
+  arm(fault, skip, count, error);
+}
+
+QmtaTestState EventFixture::State() {
+  auto get = reinterpret_cast<void (*)(QmtaTestState*)>(module_->Symbol("qmtatest_state"));
+  QmtaTestState state{};
+  get(&state);
+  return state;
+}
+
+}  // namespace qmtatest
