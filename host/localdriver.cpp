@@ -46,14 +46,22 @@ constexpr size_t kOutputMax = 64 * 1024;
 // Without a pidfd the program's exit is polled for this often.
 constexpr int kExitPollMs = 50;
 
-// ---- runner threads ----
-std::mutex runnersMutex;
-std::condition_variable runnersIdle;
-std::atomic<int64_t> liveRunners{0};
+// Runner threads alive. Never destroyed: a detached runner may still be
+// leaving while the process exits.
+struct Runners {
+  std::mutex mutex;
+  std::condition_variable idle;
+  std::atomic<int64_t> live{0};
+};
+
+Runners& runners() {
+  static Runners* all = new Runners;
+  return *all;
+}
 
 void RunnerEnded() {
-  std::lock_guard<std::mutex> hold(runnersMutex);
-  if (liveRunners.fetch_sub(1) == 1) runnersIdle.notify_all();
+  std::lock_guard<std::mutex> hold(runners().mutex);
+  if (runners().live.fetch_sub(1) == 1) runners().idle.notify_all();
 }
 
 std::string ErrorText(int error) { return std::generic_category().message(error); }
@@ -441,7 +449,7 @@ void Runner(std::shared_ptr<Shared> shared, std::shared_ptr<Job> job) {
 }
 
 void StartRunner(const std::shared_ptr<Shared>& shared, std::shared_ptr<Job> job) {
-  liveRunners.fetch_add(1);
+  runners().live.fetch_add(1);
   try {
     std::thread(Runner, shared, job).detach();
   } catch (const std::system_error& error) {
@@ -577,11 +585,11 @@ DriverFactory LocalDriverFactory(const std::string& actionsDir) {
   };
 }
 
-int64_t LiveLocalRunners() { return liveRunners.load(); }
+int64_t LiveLocalRunners() { return runners().live.load(); }
 
 bool WaitForLocalRunners(std::chrono::milliseconds limit) {
-  std::unique_lock<std::mutex> hold(runnersMutex);
-  return runnersIdle.wait_for(hold, limit, [] { return liveRunners.load() == 0; });
+  std::unique_lock<std::mutex> hold(runners().mutex);
+  return runners().idle.wait_for(hold, limit, [] { return runners().live.load() == 0; });
 }
 
 }  // namespace qmta::host

@@ -1,7 +1,5 @@
 // The local driver on its own: word splitting, program names, options, and
 // real programs run through a driver with a completion of the test's.
-#include <dirent.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -13,7 +11,6 @@
 #include <fstream>
 #include <mutex>
 #include <optional>
-#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -77,27 +74,19 @@ TEST(LocalSplit, ProgramNamesAndOptions) {
   }
 }
 
-// A completion that the test can wait on and close.
+// A completion that the test can wait on and close. The local driver only
+// ever answers with one row.
 class TestCompletion final : public qmta::host::Completion {
  public:
-  void Rows(std::vector<int32_t> codes) override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    if (!closed_ && !rows_ && !failed_) rows_ = std::move(codes);
-    ready_.notify_all();
-  }
-  void Fail(int32_t status) override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    if (!closed_ && !rows_ && !failed_) failed_ = status;
-    ready_.notify_all();
-  }
+  void Rows(std::vector<int32_t> codes) override { Complete(codes.size() == 1 ? codes[0] : -2); }
+  void Fail(int32_t) override { Complete(-3); }
   void OnClose(std::function<void()> stop) override {
-    {
-      std::lock_guard<std::mutex> hold(mutex_);
-      if (!closed_) {
-        stop_ = std::move(stop);
-        return;
-      }
+    std::unique_lock<std::mutex> hold(mutex_);
+    if (!closed_) {
+      stop_ = std::move(stop);
+      return;
     }
+    hold.unlock();
     stop();
   }
   bool Closed() const override {
@@ -105,28 +94,28 @@ class TestCompletion final : public qmta::host::Completion {
     return closed_;
   }
   void Close() {
-    std::function<void()> stop;
-    {
-      std::lock_guard<std::mutex> hold(mutex_);
-      closed_ = true;
-      stop = std::move(stop_);
-    }
+    std::unique_lock<std::mutex> hold(mutex_);
+    closed_ = true;
+    auto stop = std::move(stop_);
+    hold.unlock();
     if (stop) stop();
   }
-  // The single return code, or -1 when none came within `limit`.
+  // The return code, or -1 when none came within `limit`.
   int32_t Code(std::chrono::milliseconds limit = 20s) {
     std::unique_lock<std::mutex> hold(mutex_);
-    ready_.wait_for(hold, limit, [this] { return rows_ || failed_; });
-    EXPECT_FALSE(failed_);
-    if (!rows_ || rows_->size() != 1) return -1;
-    return (*rows_)[0];
+    ready_.wait_for(hold, limit, [this] { return code_.has_value(); });
+    return code_.value_or(-1);
   }
 
  private:
+  void Complete(int32_t code) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    if (!closed_ && !code_) code_ = code;
+    ready_.notify_all();
+  }
   mutable std::mutex mutex_;
   std::condition_variable ready_;
-  std::optional<std::vector<int32_t>> rows_;
-  std::optional<int32_t> failed_;
+  std::optional<int32_t> code_;
   std::function<void()> stop_;
   bool closed_ = false;
 };
@@ -203,50 +192,27 @@ class LocalRun : public ::testing::Test {
     auto driver = Driver(options);
     return Start(*driver, 9, command)->Code();
   }
-  std::string Read(const std::string& name) {
-    std::ifstream in(dir_.path() + "/" + name, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-  }
 
   qmtatest::ScratchDir dir_;
   std::string actions_;
 };
 
-TEST_F(LocalRun, ArgumentsEnvironmentOutputAndExitStatus) {
-  Script("job", "printf '%s\\0' \"$0\" \"$@\" > args\necho hello\necho oops >&2\nexit 3");
-  std::filesystem::copy_file("/usr/bin/env", actions_ + "/env");
-  StderrCapture err;
-  std::string hostile = "$(touch x) `touch y` ; ../z 'q' " + std::string(500, 'v');
-  EXPECT_EQ(Run("job \"" + hostile + "\" \"\" plain"), 3);
-  EXPECT_EQ(Read("args"), actions_ + "/job" + '\0' + hostile + '\0' + '\0' + "plain" + '\0');
-  EXPECT_FALSE(std::filesystem::exists(dir_.path() + "/x"));
-  EXPECT_FALSE(std::filesystem::exists(dir_.path() + "/y"));
-  EXPECT_EQ(Run("env"), 0);
-  EXPECT_EQ(err.Lines(), (Words{"[9] hello", "[9] oops", "[9] PATH=/usr/bin:/bin",
-                                "[9] QMTA_REQUESTID=9", "[9] QMTA_CALLTYPE=5",
-                                "[9] QMTA_NODE=NODE1"}));
-}
-
-TEST_F(LocalRun, MissingRefusedAndUnrunnablePrograms) {
+TEST_F(LocalRun, RefusedAndUnrunnablePrograms) {
   Script("plain", "exit 0", 0644);
   Script(".hidden", "exit 0");
   std::filesystem::create_directory(actions_ + "/sub");
   std::ofstream(actions_ + "/garbage") << "\x7f" "ELF not really\n";
   chmod((actions_ + "/garbage").c_str(), 0755);
   StderrCapture err;
-  for (const char* command : {"nothere a", "../actions/plain", "/bin/sh -c id", ".hidden",
-                              "plain", "sub", "\"\" x", "", "job \"open"})
+  for (const char* command : {"../actions/plain", ".hidden", "plain", "sub", "\"\" x", "",
+                              "job \"open"})
     EXPECT_EQ(Run(command), 127) << command;
   EXPECT_EQ(Run("garbage"), 126);
   Words lines = err.Lines();
-  ASSERT_EQ(lines.size(), 10u);
-  EXPECT_TRUE(lines[0].starts_with("[9] no action program \"nothere\" in " + actions_)) << lines[0];
-  EXPECT_TRUE(lines[1].starts_with("[9] refused program name \"../actions/plain\"")) << lines[1];
-  EXPECT_TRUE(lines[2].starts_with("[9] refused program name \"/bin/sh\"")) << lines[2];
-  EXPECT_EQ(lines[4], "[9] refused \"plain\": not an executable file");
-  EXPECT_EQ(lines[5], "[9] refused \"sub\": not an executable file");
-  EXPECT_EQ(lines[8], "[9] refused: a double quote is not closed");
-  EXPECT_TRUE(lines[9].starts_with("[9] cannot run \"garbage\": ")) << lines[9];
+  ASSERT_EQ(lines.size(), 8u);
+  EXPECT_EQ(lines[2], "[9] refused \"plain\": not an executable file");
+  EXPECT_EQ(lines[6], "[9] refused: a double quote is not closed");
+  EXPECT_TRUE(lines[7].starts_with("[9] cannot run \"garbage\": ")) << lines[7];
 }
 
 TEST_F(LocalRun, SignalsTimeoutsAndClose) {
@@ -264,7 +230,8 @@ TEST_F(LocalRun, SignalsTimeoutsAndClose) {
 
   // Whatever the program leaves in its group ends with it.
   EXPECT_EQ(Run("leaver"), 0);
-  pid_t leftover = std::stoi(Read("leftover"));
+  pid_t leftover = 0;
+  std::ifstream(dir_.path() + "/leftover") >> leftover;
   bool gone = false;
   for (int i = 0; i < 200 && !gone; ++i) {
     std::ifstream stat("/proc/" + std::to_string(leftover) + "/stat");
@@ -305,15 +272,18 @@ TEST_F(LocalRun, OutputIsBoundedPerLineAndPerAction) {
 }
 
 TEST_F(LocalRun, ManyActionsLeaveNoProcessDescriptorOrThread) {
-  Script("job", "sleep 0.05\nexit $1");
+  // `one` fails with 99 when another program of its node is running.
+  Script("one", "mkdir busy.$QMTA_NODE || exit 99\nsleep 0.03\nrmdir busy.$QMTA_NODE\nexit $1");
+  Script("any", "sleep 0.05\nexit $1");
   int fdsBefore = CountEntries("/proc/self/fd");
   int threadsBefore = CountEntries("/proc/self/task");
-  auto limited = Driver({"max=3"});
+  auto limited = Driver({"max=1"});
   auto wide = Driver();
   std::vector<std::pair<std::shared_ptr<TestCompletion>, int>> started;
   for (int i = 0; i < 60; ++i) {
-    auto& driver = i % 2 ? *limited : *wide;
-    started.emplace_back(Start(driver, i, "job " + std::to_string(i % 7), i % 3 ? "A" : "B"),
+    std::string code = std::to_string(i % 7);
+    started.emplace_back(i % 2 ? Start(*limited, i, "one " + code, i % 3 ? "A" : "B")
+                               : Start(*wide, i, "any " + code, "W"),
                          i % 7);
   }
   for (auto& [done, code] : started) EXPECT_EQ(done->Code(), code);
