@@ -79,8 +79,9 @@ class SimTimer {
         continue;
       }
       auto first = due_.begin();
-      if (first->first > Clock::now()) {
-        ready_.wait_until(hold, first->first);
+      Clock::time_point due = first->first;  // the node may go while we wait
+      if (due > Clock::now()) {
+        ready_.wait_until(hold, due);
         continue;
       }
       auto found = pending_.find(first->second);

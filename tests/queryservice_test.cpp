@@ -56,12 +56,11 @@ class Notice {
   static int32_t Routine(int32_t status, void* argument) {
     auto* self = static_cast<Notice*>(argument);
     if (self->hook) self->hook();
-    {
-      std::lock_guard<std::mutex> hold(self->mutex_);
-      ++self->calls_;
-      self->status_ = status;
-      self->thread_ = std::this_thread::get_id();
-    }
+    // Under the lock: a waiter may destroy the notice as soon as it wakes.
+    std::lock_guard<std::mutex> hold(self->mutex_);
+    ++self->calls_;
+    self->status_ = status;
+    self->thread_ = std::this_thread::get_id();
     self->changed_.notify_all();
     return status;
   }
@@ -93,6 +92,8 @@ class RecordingDriver : public qmta::host::Driver {
 };
 
 struct Request {
+  // Dropping waits for a routine still running on the notice.
+  ~Request() { DBQ1_DropHandle(request); }
   DBQ1_Handle request{};
   DBQ1_Handle cursor{};
   DBQ1_Sqlda* input = nullptr;
