@@ -48,7 +48,7 @@ bool Open::Closed() const {
 bool Open::Busy() const {
   std::lock_guard<std::mutex> hold(mutex_);
   if (state_ == State::kClosed) return false;
-  return state_ == State::kRunning || routine_ != Routine::kReturned;
+  return state_ == State::kRunning || routine_ == Routine::kQueued;
 }
 
 void Open::Close() {

@@ -31,8 +31,10 @@ class Open final : public Completion, public std::enable_shared_from_this<Open> 
   void OnClose(std::function<void()> stop) override;
   bool Closed() const override;
 
-  // True from the start until the completion routine has returned (or the
-  // open was closed): a new open of the request must wait until then.
+  // True from the start until the completion routine has been called (or
+  // the open was closed): a new open of the request is refused until then.
+  // A caller that the routine has signalled can therefore open again at
+  // once; closing the old open then waits for its routine to return.
   bool Busy() const;
 
   // Ends the open: a driver still working is stopped through its OnClose

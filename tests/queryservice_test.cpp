@@ -188,6 +188,11 @@ TEST_F(QueryServiceTest, PathsAndPlansAcceptOnlyOurServerAndTheTwoStatements) {
   auto rm = NewRequest();
   EXPECT_EQ(DBQ1_OK, DBQ1_DropHandle(plan));
   EXPECT_EQ(DBQ1_OK, DBQ1_DropHandle(path));
+  // The host's own path comes back when it has gone.
+  qmta::host::MakeStale(path_);
+  DBQ1_Handle own = qmta::host::OwnPath();
+  EXPECT_TRUE(own.check != path_.check || own.object != path_.object);
+  EXPECT_EQ(DBQ1_OK, DBQ1_CreateAccessPlan(own, kRmSql, &plan));
   ASSERT_EQ(DBQ1_OK, Open(*vx, "REC1"));
   ASSERT_EQ(DBQ1_OK, Open(*rm, "REC1"));
   std::lock_guard<std::mutex> hold(recorder.mutex);
