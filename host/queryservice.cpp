@@ -13,7 +13,6 @@
 #include <mutex>
 #include <new>
 #include <string>
-#include <system_error>
 #include <utility>
 
 #include "host/destinations.h"
@@ -206,10 +205,9 @@ int32_t Run(Op op, Body body) {
   if (injected != DBQ1_OK) return injected;
   try {
     return body();
-  } catch (const std::bad_alloc&) {
+  } catch (...) {
+    // Out of memory, or a service thread could not be started.
     return DBQ1_NO_MEMORY;
-  } catch (const std::system_error&) {
-    return DBQ1_NO_MEMORY;  // a service thread could not be started
   }
 }
 
