@@ -49,8 +49,13 @@ int64_t StartedActions();
 bool WaitForActions(std::chrono::milliseconds limit);
 
 // ---- Query service ---------------------------------------------------------
-// The host's own path to its server (created on first use).
+// The host's own path to its server (created on first use, and again when
+// the previous one was dropped or made stale).
 DBQ1_Handle OwnPath();
+
+// Declared length of the COMMAND parameter of requests created from now on
+// (default 600; values below 1 count as 1). ResetQueryService restores it.
+void SetCommandLength(int16_t length);
 
 // Which event table a request's statement reads.
 enum class EventTable { kVxEvents, kRmEvents };
@@ -81,7 +86,10 @@ class Completion {
 };
 
 // A kind of destination. One instance serves every destination that one
-// line of the destination directory matches.
+// line of the destination directory matches. The service keeps a driver
+// alive until every open it started has been closed, even after the
+// directory has been replaced, and never destroys it on the driver's own
+// threads.
 class Driver {
  public:
   virtual ~Driver() = default;
@@ -113,9 +121,11 @@ enum class Op {
 // without acting.
 void FailOperation(Op op, int32_t status, int32_t count = 1, int32_t skip = 0);
 // Makes `handle` stale: every later operation on it returns
-// DBQ1_STALE_HANDLE. The object stays alive until dropped.
+// DBQ1_STALE_HANDLE. The object stays alive (a running open still
+// completes) until ResetQueryService releases it.
 void MakeStale(DBQ1_Handle handle);
-// Forgets injected faults and the destination directory.
+// Forgets injected faults and the destination directory, restores the
+// COMMAND length and releases the objects made stale.
 void ResetQueryService();
 
 // Opens started and objects (paths, plans, requests) alive, for leak checks.
