@@ -45,8 +45,13 @@ void RegisterLoadModule(const std::string& name, const std::string& path);
 int64_t LiveActions();
 // Action threads that have called zblercm since the process started.
 int64_t StartedActions();
-// Waits until no action thread is live; false when `limit` passed first.
+// Waits until no action thread is live and none has started for the settle
+// time; false when `limit` passed first. An action thread is seen only from
+// its first call (zblercm), a moment after the event call that created it
+// has returned, so a drain waits for quiet rather than for a count.
 bool WaitForActions(std::chrono::milliseconds limit);
+// The settle time of WaitForActions (default 50 ms).
+void SetActionSettle(std::chrono::milliseconds settle);
 
 // ---- Query service ---------------------------------------------------------
 // The host's own path to its server (created on first use, and again when
