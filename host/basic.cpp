@@ -60,6 +60,7 @@ std::map<std::string, std::string> loadModules;
 // ---- action threads ----
 std::atomic<int64_t> liveActions{0};
 std::atomic<int64_t> startedActions{0};
+std::atomic<int64_t> actionSettle{50};  // milliseconds
 std::mutex actionMutex;
 std::condition_variable actionsIdle;
 
@@ -90,9 +91,21 @@ void RegisterLoadModule(const std::string& name, const std::string& path) {
 int64_t LiveActions() { return liveActions.load(); }
 int64_t StartedActions() { return startedActions.load(); }
 
+void SetActionSettle(std::chrono::milliseconds settle) { actionSettle.store(settle.count()); }
+
 bool WaitForActions(std::chrono::milliseconds limit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   std::unique_lock<std::mutex> hold(actionMutex);
-  return actionsIdle.wait_for(hold, limit, [] { return liveActions.load() == 0; });
+  for (;;) {
+    if (!actionsIdle.wait_until(hold, deadline, [] { return liveActions.load() == 0; }))
+      return false;
+    // Quiet for the settle time: nothing live, nothing new started.
+    const int64_t started = startedActions.load();
+    const auto settle = std::chrono::milliseconds(actionSettle.load());
+    actionsIdle.wait_for(hold, settle, [started] { return startedActions.load() != started; });
+    if (liveActions.load() == 0 && startedActions.load() == started) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+  }
 }
 
 }  // namespace qmta::host
@@ -174,8 +187,12 @@ struct tm* zblreltm(const time_t* seconds) {
 }
 
 int32_t zblercm(void) {
-  startedActions.fetch_add(1);
   liveActions.fetch_add(1);
+  startedActions.fetch_add(1);
+  {
+    std::lock_guard<std::mutex> hold(actionMutex);
+  }
+  actionsIdle.notify_all();  // wakes a drain that is settling
   return 0;
 }
 

@@ -45,12 +45,22 @@ void RegisterLoadModule(const std::string& name, const std::string& path);
 int64_t LiveActions();
 // Action threads that have called zblercm since the process started.
 int64_t StartedActions();
-// Waits until no action thread is live; false when `limit` passed first.
+// Waits until no action thread is live and none has started for the settle
+// time; false when `limit` passed first. An action thread is seen only from
+// its first call (zblercm), a moment after the event call that created it
+// has returned, so a drain waits for quiet rather than for a count.
 bool WaitForActions(std::chrono::milliseconds limit);
+// The settle time of WaitForActions (default 50 ms).
+void SetActionSettle(std::chrono::milliseconds settle);
 
 // ---- Query service ---------------------------------------------------------
-// The host's own path to its server (created on first use).
+// The host's own path to its server (created on first use, and again when
+// the previous one was dropped or made stale).
 DBQ1_Handle OwnPath();
+
+// Declared length of the COMMAND parameter of requests created from now on
+// (default 600; values below 1 count as 1). ResetQueryService restores it.
+void SetCommandLength(int16_t length);
 
 // Which event table a request's statement reads.
 enum class EventTable { kVxEvents, kRmEvents };
@@ -81,7 +91,10 @@ class Completion {
 };
 
 // A kind of destination. One instance serves every destination that one
-// line of the destination directory matches.
+// line of the destination directory matches. The service keeps a driver
+// alive until every open it started has been closed, even after the
+// directory has been replaced, and never destroys it on the driver's own
+// threads.
 class Driver {
  public:
   virtual ~Driver() = default;
@@ -113,9 +126,11 @@ enum class Op {
 // without acting.
 void FailOperation(Op op, int32_t status, int32_t count = 1, int32_t skip = 0);
 // Makes `handle` stale: every later operation on it returns
-// DBQ1_STALE_HANDLE. The object stays alive until dropped.
+// DBQ1_STALE_HANDLE. The object stays alive (a running open still
+// completes) until ResetQueryService releases it.
 void MakeStale(DBQ1_Handle handle);
-// Forgets injected faults and the destination directory.
+// Forgets injected faults and the destination directory, restores the
+// COMMAND length and releases the objects made stale.
 void ResetQueryService();
 
 // Opens started and objects (paths, plans, requests) alive, for leak checks.

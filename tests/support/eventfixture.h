@@ -17,7 +17,7 @@
 namespace qmtatest {
 
 class EventFixture : public ::testing::Test {
- protected:
+ public:
   void SetUp() override;
   void TearDown() override;
 

@@ -14,6 +14,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include <gtest/gtest.h>
+
 #include "host/hostsvc.h"
 
 namespace qmtatest {
@@ -136,3 +138,22 @@ int32_t Module::Command(const std::string& text, int32_t* reason) const {
 void* Module::Symbol(const char* name) const { return dlsym(handle_, name); }
 
 }  // namespace qmtatest
+
+namespace {
+
+// Assertion failures also go to standard error: tests that capture
+// standard output would otherwise swallow them.
+class StderrFailures : public ::testing::EmptyTestEventListener {
+  void OnTestPartResult(const ::testing::TestPartResult& result) override {
+    if (result.failed())
+      fprintf(stderr, "%s:%d: Failure\n%s\n", result.file_name() ? result.file_name() : "?",
+              result.line_number(), result.message());
+  }
+};
+
+const bool kListening = [] {
+  ::testing::UnitTest::GetInstance()->listeners().Append(new StderrFailures);
+  return true;
+}();
+
+}  // namespace

@@ -1,0 +1,79 @@
+// One open of a request: what its driver reports, the delivery of the
+// completion routine, and the rows that Fetch hands out.
+//
+// An Open is shared by the request (while it is the request's current
+// open), by the driver (through Completion) and by the delivery queue. It
+// holds no reference to its request, so a driver that keeps its Completion
+// never keeps a request alive.
+#ifndef HOST_OPEN_H_
+#define HOST_OPEN_H_
+
+#include <stdint.h>
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "host/hostsvc.h"
+
+namespace qmta::host::internal {
+
+class Open final : public Completion, public std::enable_shared_from_this<Open> {
+ public:
+  explicit Open(const DBQ1_AsyncNotify& notify) : notify_(notify) {}
+
+  // Completion, called by drivers from any thread.
+  void Rows(std::vector<int32_t> returnCodes) override;
+  void Fail(int32_t status) override;
+  void OnClose(std::function<void()> stop) override;
+  bool Closed() const override;
+
+  // True from the start until the completion routine has been called (or
+  // the open was closed): a new open of the request is refused until then.
+  // A caller that the routine has signalled can therefore open again at
+  // once; closing the old open then waits for its routine to return.
+  bool Busy() const;
+
+  // Ends the open: a driver still working is stopped through its OnClose
+  // callback, a routine not yet called is never called, and a routine that
+  // is running on another thread is waited for. Rows are discarded.
+  void Close();
+
+  // Next row's return code into `*returnCode`: DBQ1_OK, DBQ1_NO_MORE_ROWS,
+  // or DBQ1_CURSOR_NOT_OPEN unless the open completed with status 0.
+  int32_t Fetch(int32_t* returnCode);
+
+  // Runs the completion routine; called once by a delivery thread.
+  void Deliver();
+
+ private:
+  enum class State { kRunning, kCompleted, kClosed };
+  enum class Routine { kNotYet, kQueued, kRunning, kReturned };
+
+  void Complete(int32_t status, std::vector<int32_t> rows);
+
+  const DBQ1_AsyncNotify notify_;
+  mutable std::mutex mutex_;         // guards the members below
+  std::condition_variable returned_; // the routine has returned
+  State state_ = State::kRunning;
+  Routine routine_ = Routine::kNotYet;
+  std::thread::id deliverer_;        // thread running the routine
+  int32_t status_ = 0;
+  std::vector<int32_t> rows_;
+  size_t nextRow_ = 0;
+  std::function<void()> stop_;       // driver's stop, while running
+};
+
+// Runs completion routines on the service's own threads, in the order the
+// opens completed. Process-wide; its threads live as long as the process.
+// StartDelivery starts them (throws std::system_error when it cannot); it is
+// called before the first open, so PostDelivery finds them running.
+void StartDelivery();
+void PostDelivery(std::shared_ptr<Open> open);
+
+}  // namespace qmta::host::internal
+
+#endif  // HOST_OPEN_H_
