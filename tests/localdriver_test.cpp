@@ -275,9 +275,14 @@ TEST_F(LocalRun, ManyActionsLeaveNoProcessDescriptorOrThread) {
   // `one` fails with 99 when another program of its node is running.
   Script("one", "mkdir busy.$QMTA_NODE || exit 99\nsleep 0.03\nrmdir busy.$QMTA_NODE\nexit $1");
   Script("any", "sleep 0.05\nexit $1");
+  auto limited = Driver({"max=1"});
+  // A first action, so that threads a sanitizer runtime starts with the
+  // first thread are there before the count.
+  EXPECT_EQ(Start(*limited, 0, "any 0")->Code(), 0);
+  ASSERT_TRUE(qmta::host::WaitForLocalRunners(10s));
+  std::this_thread::sleep_for(100ms);
   int fdsBefore = CountEntries("/proc/self/fd");
   int threadsBefore = CountEntries("/proc/self/task");
-  auto limited = Driver({"max=1"});
   auto wide = Driver();
   std::vector<std::pair<std::shared_ptr<TestCompletion>, int>> started;
   for (int i = 0; i < 60; ++i) {
