@@ -126,7 +126,12 @@ TEST_F(Actions, FailingStepsEachWithTheirMessage) {
   uint32_t id = 2;
   for (const Case& c : cases) {
     qmta::host::FailOperation(c.op, DBQ1_STALE_HANDLE, 1, c.skip);
-    if (c.op == qmta::host::Op::kCloseRequest) Fault(kFaultTimedWait, 0, 1, EINVAL);
+    if (c.op == qmta::host::Op::kCloseRequest) {
+      // The answer must come after the wait has begun for the wait to fail.
+      std::string error;
+      ASSERT_TRUE(qmta::host::SetDestinations("HOST1 sim rc=3,5 delay=300\n", &error));
+      Fault(kFaultTimedWait, 0, 1, EINVAL);
+    }
     Fire("Disk1", "node1", 1);
     Lines lines = Drain();
     ASSERT_GE(lines.size(), 2u);
