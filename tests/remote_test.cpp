@@ -49,11 +49,13 @@ bool WaitUntil(const std::function<bool()>& ready, std::chrono::milliseconds lim
   return true;
 }
 
-std::string ServerProgram() {
-  for (const char* path : {"/usr/sbin/nats-server", "/usr/bin/nats-server", "/usr/local/bin/nats-server"})
-    if (access(path, X_OK) == 0) return path;
+std::string ProgramIn(const char* name) {
+  for (const char* dir : {"/usr/sbin/", "/usr/bin/", "/usr/local/bin/"})
+    if (access((std::string(dir) + name).c_str(), X_OK) == 0) return std::string(dir) + name;
   return "";
 }
+
+std::string ServerProgram() { return ProgramIn("nats-server"); }
 
 // A child process with standard output and error in files.
 class Child {
@@ -133,7 +135,9 @@ class Server {
     return WaitUntil([this] { return Accepts(); }, 5s);
   }
   void Stop() { process_.Kill(SIGKILL); }
-  std::string Url() const { return "nats://127.0.0.1:" + std::to_string(port_); }
+  // With `tls`, the server's configuration asks every client for TLS.
+  void RequireTls() { scheme_ = "tls"; }
+  std::string Url() const { return scheme_ + "://127.0.0.1:" + std::to_string(port_); }
 
  private:
   bool Accepts() const {
@@ -147,6 +151,7 @@ class Server {
     return ok;
   }
   std::string dir_;
+  std::string scheme_ = "nats";
   int port_ = 0;
   Child process_;
 };
@@ -203,6 +208,22 @@ class Remote : public ::testing::Test {
   static std::string Event(const std::string& sit, const std::string& attributes = "[]") {
     return R"({"sitname": ")" + sit + R"(", "originnode": "o", "currstate": 1, "attributes": )" +
            attributes + "}\n";
+  }
+
+  // NAME.pem and NAME.key, made by openssl with the extensions of `section`
+  // in tls.cnf: self-signed when `signer` is empty, else signed by that
+  // certificate.
+  void MakeCertificate(const std::string& name, const std::string& signer, const std::string& section) {
+    std::vector<std::string> words = {ProgramIn("openssl"), "req", "-x509", "-config", Path("tls.cnf"),
+                                      "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                                      "-nodes", "-days", "2", "-subj", "/CN=" + name,
+                                      "-extensions", section, "-keyout", Path(name + ".key"),
+                                      "-out", Path(name + ".pem")};
+    if (!signer.empty())
+      words.insert(words.end(), {"-CA", Path(signer + ".pem"), "-CAkey", Path(signer + ".key")});
+    Child openssl;
+    ASSERT_TRUE(openssl.Spawn(words, Path("openssl.out"), Path("openssl.err")));
+    ASSERT_EQ(openssl.Finish(10s), 0) << ReadFile(Path("openssl.err"));
   }
 
   qmtatest::ScratchDir dir_;
@@ -366,6 +387,79 @@ TEST_F(Remote, PermissionsKeepAnAgentToItsOwnNodes) {
   EXPECT_FALSE(WaitFor("wrong.err", "qmtaagent: connected", 500ms));
   wrong.Kill(SIGTERM);
   wrong.Finish(5s);
+}
+
+TEST_F(Remote, TlsCarriesActionsBetweenClientsThatTrustEachOther) {
+  if (ProgramIn("openssl").empty()) GTEST_SKIP() << "openssl is not installed (tools/setup installs it)";
+  Write("tls.cnf",
+        "[req]\ndistinguished_name = dn\nprompt = no\n[dn]\n"
+        "[ca]\nbasicConstraints = critical,CA:TRUE\nkeyUsage = critical,keyCertSign\n"
+        "[server]\nbasicConstraints = CA:FALSE\nsubjectAltName = IP:127.0.0.1\n"
+        "extendedKeyUsage = serverAuth\n"
+        "[client]\nbasicConstraints = CA:FALSE\nextendedKeyUsage = clientAuth\n");
+  MakeCertificate("ca", "", "ca");
+  MakeCertificate("other", "", "ca");
+  MakeCertificate("server", "ca", "server");
+  MakeCertificate("client", "ca", "client");
+  MakeCertificate("stranger", "other", "client");
+  if (HasFatalFailure()) return;
+  server_.RequireTls();
+  ASSERT_TRUE(server_.Start(dir_.path(), "tls {\n  cert_file: \"" + Path("server.pem") + "\"\n  key_file: \"" +
+                                             Path("server.key") + "\"\n  ca_file: \"" + Path("ca.pem") +
+                                             "\"\n  verify: true\n}\n"));
+  Write("QMTASITR",
+        "SITNAME=Run DESTNODE=a:N SCRIPT=code;\n"
+        "SITNAME=NoAgent DESTNODE=b:N SCRIPT=code;\n"
+        "SITNAME=Distrust DESTNODE=x:N SCRIPT=code;\n"
+        "SITNAME=Anonymous DESTNODE=y:N SCRIPT=code;\n");
+  Action("code", "echo \"ran $QMTA_NODE\"; exit 6");
+  auto client = [&](const std::string& ca, const std::string& cert) {
+    std::vector<std::string> words = {"--tls-ca", Path(ca + ".pem")};
+    if (!cert.empty()) words.insert(words.end(), {"--tls-cert", Path(cert + ".pem"), "--tls-key", Path(cert + ".key")});
+    return words;
+  };
+  auto withNodes = [](std::vector<std::string> words, std::vector<std::string> nodes) {
+    words.insert(words.end(), nodes.begin(), nodes.end());
+    return words;
+  };
+  Child good, host;
+  StartAgent(good, "good", withNodes(client("ca", "client"), {"a:N", "x:N", "y:N"}));
+  ASSERT_TRUE(WaitFor("good.err", "qmtaagent: connected")) << ReadFile(Path("good.err"));
+  // The server turns away an agent without a client certificate, or with
+  // one of another CA; the client library gives the connection up, and the
+  // agent ends with status 1.
+  const std::pair<const char*, std::vector<std::string>> refused[] = {
+      {"nocert", client("ca", "")}, {"stranger", client("ca", "stranger")}};
+  for (const auto& [name, tls] : refused) {
+    Child agent;
+    std::vector<std::string> words = {QMTAAGENT_PATH, "--url", server_.Url(), "--actions", Path("actions"),
+                                      "--reconnect-wait", "50"};
+    words.insert(words.end(), tls.begin(), tls.end());
+    words.push_back("b:N");
+    ASSERT_TRUE(agent.Spawn(words, Path(std::string(name) + ".out"), Path(std::string(name) + ".err")));
+    EXPECT_EQ(agent.Finish(5s), 1) << name;
+    EXPECT_FALSE(Contains(Path(std::string(name) + ".err"), "qmtaagent: connected")) << name;
+  }
+  // Nor does a host line get through that does not trust the server's CA,
+  // or shows no client certificate: its nodes are offline.
+  auto line = [&](const std::string& pattern, const std::string& ca, const std::string& cert) {
+    std::string text = pattern + " nats url=" + server_.Url() + " tls-ca=" + Path(ca + ".pem");
+    if (!cert.empty()) text += " tls-cert=" + Path(cert + ".pem") + " tls-key=" + Path(cert + ".key");
+    return text + "\n";
+  };
+  StartHost(host, line("x:*", "other", "client") + line("y:*", "ca", "") + line("*", "ca", "client"));
+  // The actions start once both lines have been given up.
+  EXPECT_TRUE(WaitUntil([&] { return CountIn("host.err", "qmtahost: nats: the client library closed") == 2; }, 5s))
+      << ReadFile(Path("host.err"));
+  host.Send(Event("Run") + Event("NoAgent") + Event("Distrust") + Event("Anonymous"));
+  EXPECT_EQ(host.Finish(), 0) << ReadFile(Path("host.err"));
+  EXPECT_EQ(Matching("QMTA050I"),
+            Lines{"QMTA050I ACTION COMPLETED FOR SITNAME=Run DESTNODE=a:N STATE=1 RC=6 REQUESTID=1"});
+  EXPECT_EQ(Matching("QMTA030E"), Lines(3, "QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=2020"));
+  for (const char* subject : {"qmta.node.x_3AN", "qmta.node.y_3AN"})
+    EXPECT_TRUE(Contains(Path("host.err"), std::string("cannot send to ") + subject)) << subject;
+  EXPECT_TRUE(Contains(Path("good.err"), "[1] ran a:N"));
+  EXPECT_EQ(CountIn("good.err", "] ran "), 1);
 }
 
 TEST(RemoteAgent, HelpAndUsageErrors) {

@@ -226,6 +226,16 @@ void OnDisconnected(natsConnection*, void*) {
   if (!stopping) Say("lost the connection to the server; reconnecting");
 }
 void OnReconnected(natsConnection*, void*) { Say("connected again"); }
+// The client library gives up a connection (after a failed TLS handshake,
+// for one): the agent cannot serve any more and ends with status 1.
+void OnClosed(natsConnection* connection, void*) {
+  if (stopping) return;
+  const char* text = nullptr;
+  natsStatus why = natsConnection_GetLastError(connection, &text);
+  Say("the client library closed the connection (" +
+      (text && *text ? std::string(text) : conn::StatusText(why)) + ")");
+  kill(getpid(), SIGUSR1);
+}
 void OnError(natsConnection* connection, natsSubscription* subscription, natsStatus status, void*) {
   const char* text = nullptr;
   natsConnection_GetLastError(connection, &text);
@@ -330,6 +340,7 @@ int Run(Options& options) {
   natsOptions_SetErrorHandler(natsOptions, OnError, nullptr);
   natsOptions_SetDisconnectedCB(natsOptions, OnDisconnected, nullptr);
   natsOptions_SetReconnectedCB(natsOptions, OnReconnected, nullptr);
+  natsOptions_SetClosedCB(natsOptions, OnClosed, nullptr);
   natsOptions_SetRetryOnFailedConnect(natsOptions, true, OnConnected, nullptr);
   natsStatus s = natsConnection_Connect(&agent.connection, natsOptions);
   natsOptions_Destroy(natsOptions);
@@ -362,10 +373,11 @@ int Run(Options& options) {
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGTERM);
   sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGUSR1);
   int signal = 0;
   while (sigwait(&stopSignals, &signal) != 0) {
   }
-  Say(std::string("stopping on ") + (signal == SIGTERM ? "SIGTERM" : "SIGINT"));
+  if (signal != SIGUSR1) Say(std::string("stopping on ") + (signal == SIGTERM ? "SIGTERM" : "SIGINT"));
   stopping = true;
   for (auto& one : served) natsSubscription_Unsubscribe(one->subscription);
   agent.Stop();
@@ -378,7 +390,7 @@ int Run(Options& options) {
   natsConnection_Destroy(agent.connection);
   agent.driver.reset();
   nats_CloseAndWait(2000);
-  return 0;
+  return signal == SIGUSR1 ? 1 : 0;
 }
 
 }  // namespace
@@ -390,6 +402,7 @@ int main(int argc, char** argv) {
   sigemptyset(&stopSignals);
   sigaddset(&stopSignals, SIGTERM);
   sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGUSR1);  // sent by the agent itself: connection given up
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 

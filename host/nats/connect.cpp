@@ -1,5 +1,7 @@
 #include "host/nats/connect.h"
 
+#include <openssl/crypto.h>
+
 #include <charconv>
 #include <fstream>
 #include <sstream>
@@ -88,6 +90,13 @@ bool Check(const Settings& settings, std::string* error) {
 }
 
 natsOptions* MakeOptions(const Settings& settings, std::string* error) {
+  // OpenSSL, started by the client library, would otherwise free its state
+  // from an exit handler, before static objects holding connections are
+  // destroyed: a TLS connection still reading then crashes the process.
+  // This first initialisation (options come before any connection) keeps
+  // that state until the process is gone.
+  static const bool kept = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
+  (void)kept;
   natsOptions* options = nullptr;
   if (natsOptions_Create(&options) != NATS_OK) {
     *error = "cannot create client options";

@@ -166,11 +166,25 @@ void OnConnected(natsConnection*, void* closure) {
   Say("connected to " + static_cast<State*>(closure)->settings.url);
 }
 
-void OnClosed(natsConnection*, void* closure) {
+// Closed by the driver, or given up by the client library (which does so
+// after a failed TLS handshake): then the line's nodes stay offline.
+void OnClosed(natsConnection* connection, void* closure) {
   auto* state = static_cast<State*>(closure);
-  std::lock_guard<std::mutex> hold(state->mutex);
-  state->closed = true;
-  state->wake.notify_all();
+  bool asked;
+  std::string url;
+  {
+    std::lock_guard<std::mutex> hold(state->mutex);
+    asked = state->stopping;
+    url = state->settings.url;
+    state->closed = true;  // from here on `state` may be gone
+    state->wake.notify_all();
+  }
+  if (asked || exiting) return;
+  const char* text = nullptr;
+  natsStatus why = natsConnection_GetLastError(connection, &text);
+  Say("the client library closed the connection to " + url + " (" +
+      (text && *text ? std::string(text) : natsconn::StatusText(why)) +
+      "); its nodes are offline until qmtahost starts again");
 }
 
 void OnError(natsConnection* connection, natsSubscription*, natsStatus status, void*) {
@@ -272,7 +286,13 @@ std::unique_ptr<Driver> MakeDriver(const std::vector<std::string>& options, std:
                                OnReply, raw);
   if (s == NATS_OK) s = natsSubscription_SetOnCompleteCB(state->replies, OnRepliesDone, raw);
   if (s == NATS_OK) s = natsSubscription_SetPendingLimits(state->replies, -1, -1);
-  if (s != NATS_OK) {
+  if (s != NATS_OK && natsConnection_IsClosed(state->connection)) {
+    // Given up already (OnClosed said why): every request fails to send,
+    // as on a connection given up later.
+    natsSubscription_Destroy(state->replies);
+    state->replies = nullptr;
+    state->repliesDone = true;
+  } else if (s != NATS_OK) {
     *error = "nats: cannot subscribe to replies: " + natsconn::StatusText(s);
     natsSubscription_Destroy(state->replies);
     natsConnection_Destroy(state->connection);
