@@ -1,10 +1,13 @@
 #include "bench/support/benchsupport.h"
 
 #include <dlfcn.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <spawn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -131,6 +134,27 @@ int DisplayedRules(const Module& module) {
        at = text.find("QMTA095I", at + 1))
     ++rules;
   return rules;
+}
+
+int RunProgram(const std::vector<std::string>& argv, const std::string& out,
+               const std::string& err) {
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  std::vector<char*> args;
+  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
+  args.push_back(nullptr);
+  char* environment[] = {const_cast<char*>("PATH=/usr/bin:/bin"), nullptr};
+  pid_t pid;
+  int failed = posix_spawn(&pid, args[0], &files, nullptr, args.data(), environment);
+  posix_spawn_file_actions_destroy(&files);
+  if (failed) return -1;
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
 }
 
 bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit,

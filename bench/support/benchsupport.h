@@ -67,6 +67,12 @@ std::string CaptureStdout(const std::function<void()>& body);
 // Rules listed by the module's DISPLAY command (QMTA095I lines).
 int DisplayedRules(const Module& module);
 
+// Runs `argv` (argv[0] is the program's path) with standard input from
+// /dev/null and standard output and error to the files named, and waits for
+// it; returns its wait status, or -1 when it could not be started.
+int RunProgram(const std::vector<std::string>& argv, const std::string& out,
+               const std::string& err);
+
 // Polls `done` every `interval` until it is true; false after `limit`.
 bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit,
                std::chrono::microseconds interval = std::chrono::microseconds(50));
