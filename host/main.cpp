@@ -27,6 +27,9 @@
 
 #include "host/hostsvc.h"
 #include "host/localdriver.h"
+#ifdef QMTA_HAVE_NATS
+#include "host/nats/driver.h"
+#endif
 #include "host/prog/inputline.h"
 #include "host/prog/options.h"
 #include "qmtauto1/qmtautox.h"
@@ -223,6 +226,9 @@ int Run(const qmta::hostprog::Options& options) {
   const std::string actions = options.actions.empty() ? (fs::path(dir) / "actions").string()
                                                       : absolute(options.actions);
   qmta::host::RegisterDriver("local", qmta::host::LocalDriverFactory(actions));
+#ifdef QMTA_HAVE_NATS
+  qmta::host::RegisterDriver("nats", qmta::host::NatsDriverFactory());
+#endif
 
   std::string nodes = "* local\n";
   if (!options.nodes.empty() && !ReadFile(absolute(options.nodes), &nodes)) {
@@ -255,6 +261,7 @@ int Run(const qmta::hostprog::Options& options) {
   if (options.trace) qmta::host::SetTraceLevel(*options.trace);
   if (!options.server.empty()) qmta::host::SetServerName(options.server);
   qmta::host::SetCommandLength(options.commandLength);
+  if (options.clockShift != 0) qmta::host::SetClockShift(std::chrono::seconds(options.clockShift));
 
   const std::string module = options.module.empty() ? DefaultModule() : absolute(options.module);
   void* handle = dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);

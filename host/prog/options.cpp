@@ -29,7 +29,8 @@ const char kHelp[] =
 
 namespace {
 
-enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength };
+enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
+              kClockShift };
 
 // A whole decimal (or 0x hexadecimal) number within [low, high].
 bool ParseNumber(std::string_view text, int64_t low, int64_t high, int64_t* value) {
@@ -56,6 +57,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"trace", required_argument, nullptr, kTrace},
       {"no-init", no_argument, nullptr, kNoInit},
       {"command-length", required_argument, nullptr, kLength},
+      {"clock-shift", required_argument, nullptr, kClockShift},
       {"help", no_argument, nullptr, 'h'},
       {nullptr, 0, nullptr, 0},
   };
@@ -99,6 +101,13 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
           return false;
         }
         options->commandLength = static_cast<int16_t>(number);
+        break;
+      case kClockShift:
+        if (!ParseNumber(optarg, -86400, 86400, &number)) {
+          *error = std::string("--clock-shift: bad shift \"") + optarg + "\" (-86400 to 86400)";
+          return false;
+        }
+        options->clockShift = static_cast<int32_t>(number);
         break;
       case 'h': options->help = true; break;
       case ':':

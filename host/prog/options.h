@@ -18,6 +18,9 @@ struct Options {
   std::optional<int32_t> trace;
   bool init = true;         // call the start-up entry before reading input
   int16_t commandLength = 600;
+  // --clock-shift S (for tests, not in --help): the module's clock runs S
+  // seconds off, so that a shift of -57 makes its 60-second wait 3 seconds.
+  int32_t clockShift = 0;
   std::string input = "-";  // "-": standard input
   bool help = false;
 };
