@@ -67,7 +67,10 @@ void SetTraceStream(FILE* out) { traceStream.store(out); }
 
 extern "C" {
 
-TRC1_Levels TRC1_levels = {0, 0};
+// Starts a cache line: every function of the module reads it, so no counter
+// that other threads keep writing may share its line (what follows it here
+// changes only when levels are set).
+alignas(64) TRC1_Levels TRC1_levels = {0, 0};
 
 int32_t TRC1_UnitLevel(const char* unit) {
   // The trace services promise not to throw: a mutex that cannot be taken
