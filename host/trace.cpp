@@ -16,11 +16,7 @@
 
 namespace {
 
-std::atomic<int32_t> defaultLevel{0};
-// True once a unit has a level of its own; until then TRC1_Sync is a
-// single relaxed load.
-std::atomic<bool> haveUnitLevels{false};
-std::mutex unitMutex;  // guards unitLevels
+std::mutex unitMutex;  // guards unitLevels and writes to TRC1_levels
 std::vector<std::pair<std::string, int32_t>> unitLevels;
 std::atomic<FILE*> traceStream{nullptr};
 
@@ -28,6 +24,13 @@ FILE* stream() {
   FILE* out = traceStream.load(std::memory_order_relaxed);
   return out ? out : stderr;
 }
+
+// The published levels: once a unit has a level of its own, TRC1_Sync asks
+// TRC1_UnitLevel; until then it reads the common level alone.
+std::atomic_ref<int32_t> haveUnitLevels() {
+  return std::atomic_ref<int32_t>(TRC1_levels.unitLevels);
+}
+std::atomic_ref<int32_t> defaultLevel() { return std::atomic_ref<int32_t>(TRC1_levels.level); }
 
 // "hh:mm:ss.uuuuuu [tid] unit" prefix of every trace line.
 void prefix(FILE* out, const char* unit) {
@@ -44,7 +47,7 @@ void prefix(FILE* out, const char* unit) {
 
 namespace qmta::host {
 
-void SetTraceLevel(int32_t level) { defaultLevel.store(level); }
+void SetTraceLevel(int32_t level) { defaultLevel().store(level); }
 
 void SetUnitTraceLevel(const std::string& unit, int32_t level) {
   std::lock_guard<std::mutex> hold(unitMutex);
@@ -55,7 +58,7 @@ void SetUnitTraceLevel(const std::string& unit, int32_t level) {
     }
   }
   unitLevels.emplace_back(unit, level);
-  haveUnitLevels.store(true);
+  haveUnitLevels().store(1);
 }
 
 void SetTraceStream(FILE* out) { traceStream.store(out); }
@@ -64,13 +67,21 @@ void SetTraceStream(FILE* out) { traceStream.store(out); }
 
 extern "C" {
 
-int32_t TRC1_Sync(const char* unit) {
-  if (haveUnitLevels.load(std::memory_order_relaxed)) {
+// Starts a cache line: every function of the module reads it, so no counter
+// that other threads keep writing may share its line (what follows it here
+// changes only when levels are set).
+alignas(64) TRC1_Levels TRC1_levels = {0, 0};
+
+int32_t TRC1_UnitLevel(const char* unit) {
+  // The trace services promise not to throw: a mutex that cannot be taken
+  // leaves the unit at the common level.
+  try {
     std::lock_guard<std::mutex> hold(unitMutex);
     for (const auto& entry : unitLevels)
       if (entry.first == unit) return entry.second;
+  } catch (...) {
   }
-  return defaultLevel.load(std::memory_order_relaxed);
+  return defaultLevel().load(std::memory_order_relaxed);
 }
 
 void TRC1_Event(const char* unit, const char* function, int32_t kind,

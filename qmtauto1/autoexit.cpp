@@ -48,8 +48,14 @@ int32_t autoexit(const char* sitnameS, const char* originnodeS,
   } else if (relaxedLoad(inDS) == 0 && pathHandle != nullptr) {
     DBQ1_Handle path;
     memcpy(&path, pathHandle, sizeof path);
-    for (int stack : {kVxStack, kRmStack, kSnmpStack})
-      relaxedStore(current->stacks[stack].pathHandle, path);
+    for (int stack : {kVxStack, kRmStack, kSnmpStack}) {
+      // A stack that holds this path already is left alone: a store would
+      // make every event thread write the anchor's shared lines, each time
+      // with a fence, for no change.
+      DBQ1_Handle held = relaxedLoad(current->stacks[stack].pathHandle);
+      if (held.check != path.check || held.object != path.object)
+        relaxedStore(current->stacks[stack].pathHandle, path);
+    }
   }
 
   if (relaxedLoad(automationFlag) != 1) return flow.exit(-3);

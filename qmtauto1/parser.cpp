@@ -234,12 +234,10 @@ void handleTag(EntryState& s, int32_t tag, const char* value) {
     qmtaMessage(kBadSyntax, value, lineNumber);
     return fail(s);
   }
-  char argName[8];
-  const char* name = argName;
-  if (tag >= kTagArg1)
-    snprintf(argName, sizeof argName, "ARG%d", static_cast<int>(tag - kTagArg1 + 1));
-  else
-    name = kTagNames[tag];
+  // ARG1 to ARG9: one digit, written directly (this runs for every tag of
+  // the file).
+  char argName[5] = {'A', 'R', 'G', static_cast<char>('1' + (tag - kTagArg1)), '\0'};
+  const char* name = tag >= kTagArg1 ? argName : kTagNames[tag];
 
   if (s.seen[tag]) warnDuplicate(s, tag, name, value);
   switch (tag) {

@@ -55,7 +55,9 @@ int32_t searchtable(const SitParms* sitParms, const DBQ1_Handle* pathHandle) {
   return flow.exit(result);
 }
 
-TableEntry* searchiter(const SitParms* sitParms, TableEntry* previous) {
+// The walk: sitmatch and match are inlined here (flatten), each still asking
+// for its trace level and tracing its own entry and exit as a call would.
+[[gnu::flatten]] TableEntry* searchiter(const SitParms* sitParms, TableEntry* previous) {
   TraceFlow flow(kUnitModule, "searchiter");
   TableEntry* entry = previous ? previous->next : anchor()->entries;
   while (entry != nullptr && sitmatch(sitParms, entry) == 0) entry = entry->next;

@@ -154,8 +154,14 @@ int32_t getnexttag(FILE* file, char** valueS, int32_t* line) {
   }
 
   std::string_view rest(tokenS, static_cast<size_t>(lineEnd - tokenS));
+  // Keywords are tried in order; the first character rules out most of them
+  // before a full comparison (no keyword begins another, so the first that
+  // matches is the only one).
   int32_t tag = 0;
-  while (tag < kTagCount && !rest.starts_with(kKeywords[tag])) ++tag;
+  const char first = *tokenS;
+  while (tag < kTagCount &&
+         (kKeywords[tag].front() != first || !rest.starts_with(kKeywords[tag])))
+    ++tag;
 
   if (tag == kTagCount) {  // no keyword: the token itself is the value
     *valueS = tokenS;

@@ -1,6 +1,6 @@
-// The host's other services as the module relies on them: run-once under
-// many threads, the shifted clock, node information, the loader's failure
-// statuses and the action counter.
+// The host's other services as the module relies on them: trace levels,
+// run-once under many threads, the shifted clock, node information, the
+// loader's failure statuses and the action counter.
 #include <dlfcn.h>
 #include <time.h>
 
@@ -17,12 +17,35 @@
 #include "platform/envr.h"
 #include "platform/ldr1.h"
 #include "platform/svc1.h"
+#include "platform/trc1.h"
 #include "platform/zbl.h"
 #include "tests/support/support.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+
+TEST(HostServicesTest, TraceLevelIsCommonUntilAUnitHasOneOfItsOwn) {
+  qmta::host::SetTraceLevel(TRC1_FLOW | TRC1_DETAIL);
+  EXPECT_EQ(TRC1_Sync("qmtauto1"), TRC1_FLOW | TRC1_DETAIL);
+  EXPECT_EQ(TRC1_Sync("qmtaloc0"), TRC1_FLOW | TRC1_DETAIL);
+
+  // A unit's own level wins, also when it is 0; the others keep following
+  // the common level.
+  qmta::host::SetUnitTraceLevel("qmtaloc0", TRC1_LOCK_DETAIL);
+  qmta::host::SetUnitTraceLevel("qmtauto1", 0);
+  EXPECT_EQ(TRC1_Sync("qmtaloc0"), TRC1_LOCK_DETAIL);
+  EXPECT_EQ(TRC1_Sync("qmtauto1"), 0);
+  EXPECT_EQ(TRC1_Sync("other"), TRC1_FLOW | TRC1_DETAIL);
+  qmta::host::SetTraceLevel(TRC1_FLOW);
+  EXPECT_EQ(TRC1_Sync("other"), TRC1_FLOW);
+  EXPECT_EQ(TRC1_Sync("qmtaloc0"), TRC1_LOCK_DETAIL);
+  qmta::host::SetUnitTraceLevel("qmtaloc0", 0);
+  EXPECT_EQ(TRC1_Sync("qmtaloc0"), 0);
+  // Units are told apart by their names, not by the address of the text.
+  std::string name = "qmtaloc0";
+  EXPECT_EQ(TRC1_Sync(name.c_str()), 0);
+}
 
 TEST(HostServicesTest, RunOnceRunsOnceAndHoldsEveryCallerUntilDone) {
   static std::atomic<int> runs{0};

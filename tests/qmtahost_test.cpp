@@ -236,6 +236,28 @@ TEST_F(Host, MalformedLinesAreReportedAndSkipped) {
   EXPECT_EQ(result.err[2], "qmtahost: line 5: NUL character in the line");
 }
 
+TEST_F(Host, LongLinesAreCutAndReportedAndAFinalLineNeedsNoEnd) {
+  Write("QMTASITR", "SITNAME=S DESTNODE=sim:N SCRIPT=j ARG1=NODE;\n");
+  Write("nodes", "* sim rc=0\n");
+  // A line of 1 MiB and a little more spans many reads; so does the good
+  // line right after it when the reads fall that way.
+  std::string input = "{\"sitname\": \"" + std::string((1 << 20) + 10, 'x') + "\"}\n";
+  input += "{\"sitname\": \"S\", \"originnode\": \"after\", \"currstate\": 1}\n";
+  input += "\r\n{\"sitname\": \"S\", \"originnode\": \"last\", \"currstate\": 1}";
+  Result result = Run({"--nodes", "nodes", "-"}, input);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.err, (Lines{"qmtahost: line 1: line too long"}));
+  std::sort(result.out.begin(), result.out.end());
+  EXPECT_EQ(result.out, (Lines{
+      "QMTA040I ACTION STARTED FOR SITNAME=S DESTNODE=sim:N STATE=1 REQUESTID=1",
+      "QMTA040I ACTION STARTED FOR SITNAME=S DESTNODE=sim:N STATE=1 REQUESTID=2",
+      "QMTA041I CMD=j \"after\"",
+      "QMTA041I CMD=j \"last\"",
+      "QMTA050I ACTION COMPLETED FOR SITNAME=S DESTNODE=sim:N STATE=1 RC=0 REQUESTID=1",
+      "QMTA050I ACTION COMPLETED FOR SITNAME=S DESTNODE=sim:N STATE=1 RC=0 REQUESTID=2",
+      "QMTA093I ACTION ENVIRONMENT INITIALIZE"}));
+}
+
 TEST_F(Host, UsageAndModuleErrors) {
   Write("QMTASITR", "SITNAME=S DESTNODE=N;\n");
   Write("nodes", "a:* sim rc=0\n\nb:* teleport\n");

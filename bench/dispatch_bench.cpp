@@ -1,0 +1,188 @@
+// Dispatch: events that each match one rule whose destination answers at
+// once (sim rc=0), in batches, each batch timed until every action has
+// reported its outcome. Ours is the module's whole road: the walk, the
+// action record, a detached action thread per action, a request from the
+// stack, the asynchronous open through the query service, the wait, the
+// fetch, the messages (to /dev/null) and the push back. The floor is the
+// bare skeleton of that road: a detached thread per action that takes a
+// request from a mutex-guarded LIFO stack, hands it to a completion thread,
+// waits on a condition variable for the answer and puts it back.
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "bench/support/benchsupport.h"
+#include "host/hostsvc.h"
+
+namespace {
+
+constexpr char kTimestamp[] = "1261116000509000";
+constexpr int kBatch = 100;  // events fired before waiting for their actions
+constexpr auto kLimit = std::chrono::seconds(60);
+
+DBQ1_Handle path;
+std::unique_ptr<qmtabench::Module> module;
+
+void Ours(benchmark::State& state) {
+  const char* names[] = {"Disk.Mount_Point", "Disk.Free_Percent"};
+  const char* values[] = {"/var", "4"};
+  int32_t failures = 0;
+  bool drained = true;
+  for (auto _ : state) {
+    const int64_t target = qmta::host::StartedActions() + kBatch;
+    for (int i = 0; i < kBatch; ++i)
+      failures += module->autoexit("Bench_Dispatch", "Primary:WEB00042:NT", 0, 1, kTimestamp,
+                                   2, names, values, nullptr, &path, 0) != 0;
+    drained = qmtabench::WaitUntil(
+        [&] {
+          return qmta::host::StartedActions() >= target && qmta::host::LiveActions() == 0;
+        },
+        kLimit);
+    if (!drained) break;
+  }
+  if (failures != 0) state.SkipWithError("an event failed");
+  if (!drained) state.SkipWithError("actions did not finish");
+  state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+// ---- The floor ---------------------------------------------------------------
+
+struct Request {
+  Request* next = nullptr;
+  pthread_mutex_t doneLock = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t doneCond = PTHREAD_COND_INITIALIZER;
+  bool done = false;
+};
+
+pthread_mutex_t stackLock = PTHREAD_MUTEX_INITIALIZER;
+Request* stackTop = nullptr;
+
+// The completion thread's queue of requests to answer.
+pthread_mutex_t queueLock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t queueCond = PTHREAD_COND_INITIALIZER;
+std::vector<Request*> queue;
+
+std::atomic<int64_t> floorFinished{0};
+
+void* Completer(void*) {
+  std::vector<Request*> answering;
+  for (;;) {
+    pthread_mutex_lock(&queueLock);
+    while (queue.empty()) pthread_cond_wait(&queueCond, &queueLock);
+    answering.swap(queue);
+    pthread_mutex_unlock(&queueLock);
+    for (Request* request : answering) {
+      pthread_mutex_lock(&request->doneLock);
+      request->done = true;
+      pthread_cond_signal(&request->doneCond);
+      pthread_mutex_unlock(&request->doneLock);
+    }
+    answering.clear();
+  }
+  return nullptr;
+}
+
+void* FloorAction(void*) {
+  pthread_detach(pthread_self());
+  pthread_mutex_lock(&stackLock);
+  Request* request = stackTop;
+  if (request != nullptr)
+    stackTop = request->next;
+  else
+    request = new Request;
+  pthread_mutex_unlock(&stackLock);
+
+  pthread_mutex_lock(&queueLock);
+  queue.push_back(request);
+  pthread_cond_signal(&queueCond);
+  pthread_mutex_unlock(&queueLock);
+
+  pthread_mutex_lock(&request->doneLock);
+  while (!request->done) pthread_cond_wait(&request->doneCond, &request->doneLock);
+  request->done = false;
+  pthread_mutex_unlock(&request->doneLock);
+
+  pthread_mutex_lock(&stackLock);
+  request->next = stackTop;
+  stackTop = request;
+  pthread_mutex_unlock(&stackLock);
+  floorFinished.fetch_add(1);
+  return nullptr;
+}
+
+void Floor(benchmark::State& state) {
+  static const bool started = [] {
+    pthread_t thread;
+    if (pthread_create(&thread, nullptr, Completer, nullptr) != 0)
+      throw std::runtime_error("completion thread");
+    pthread_detach(thread);
+    return true;
+  }();
+  (void)started;
+  int32_t failures = 0;
+  bool drained = true;
+  for (auto _ : state) {
+    const int64_t target = floorFinished.load() + kBatch;
+    for (int i = 0; i < kBatch; ++i) {
+      pthread_t thread;
+      failures += pthread_create(&thread, nullptr, FloorAction, nullptr) != 0;
+    }
+    drained = qmtabench::WaitUntil([&] { return floorFinished.load() >= target; }, kLimit);
+    if (!drained) break;
+  }
+  if (failures != 0) state.SkipWithError("a thread did not start");
+  if (!drained) state.SkipWithError("actions did not finish");
+  state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::unique_ptr<qmtabench::ScratchDir> dir;
+  return qmtabench::Main(argc, argv, [&] {
+    dir = std::make_unique<qmtabench::ScratchDir>();
+    const qmtabench::Rule rule{
+        .comment = "",
+        .sitname = "Bench_Dispatch",
+        .originnode = "*",
+        .state = "TRUE",
+        .destnode = "BENCH:RM_ACTIONS",
+        .script = "NOTIFY",
+        .args = {"SITNAME", "NODE", "Disk.Free_Percent", "\"page the operator\""}};
+    dir->Write("QMTASITR", qmtabench::Text(rule));
+    std::string error;
+    if (!qmta::host::SetDestinations("* sim rc=0\n", &error))
+      throw std::runtime_error("destinations: " + error);
+    path = qmta::host::OwnPath();
+    module = std::make_unique<qmtabench::Module>();
+    // A first batch loads the table and proves the road: every action
+    // reports its completion with RC=0.
+    std::string out = qmtabench::CaptureStdout([] {
+      const int64_t target = qmta::host::StartedActions() + 10;
+      for (int i = 0; i < 10; ++i)
+        module->autoexit("Bench_Dispatch", "Primary:WEB00042:NT", 0, 1, kTimestamp, 0,
+                         nullptr, nullptr, nullptr, &path, 0);
+      qmtabench::WaitUntil(
+          [&] {
+            return qmta::host::StartedActions() >= target && qmta::host::LiveActions() == 0;
+          },
+          kLimit);
+    });
+    int completed = 0;
+    for (size_t at = out.find("QMTA050I"); at != std::string::npos;
+         at = out.find("QMTA050I", at + 1))
+      completed += out.compare(out.find("RC=", at), 5, "RC=0 ") == 0;
+    if (completed != 10)
+      throw std::runtime_error("dispatch check: " + std::to_string(completed) +
+                               " of 10 actions completed with RC=0:\n" + out);
+    benchmark::RegisterBenchmark("dispatch/ours", Ours)->UseRealTime();
+    benchmark::RegisterBenchmark("dispatch/floor", Floor)->UseRealTime();
+  });
+}
