@@ -24,7 +24,7 @@ class Actions : public qmtatest::EventFixture {
   Lines Outcome(const std::string& dest, const std::string& nodes) {
     Start("SITNAME=Disk* DESTNODE=" + dest + " SCRIPT=job ARG1=SITNAME;\n", nodes);
     EXPECT_EQ(Fire("Disk1", "node1", 1), 0);
-    Lines lines = Drain();
+    Lines lines = Drain(1);
     module_->Command("DISPLAY");
     Lines display = out_->TakeLines();
     if (lines.size() < 3) {
@@ -105,7 +105,7 @@ TEST_F(Actions, ASilentDestinationTimesOutAfterSixtySeconds) {
 TEST_F(Actions, FailingStepsEachWithTheirMessage) {
   Start("SITNAME=Disk* DESTNODE=HOST1 SCRIPT=job;\n", "HOST1 sim rc=3,5\n");
   Fire("Disk0", "node1", 1);
-  ASSERT_EQ(Drain().size(), 5u);  // 093I, 040I, 041I, two 050I; id 1
+  ASSERT_EQ(Drain(1).size(), 5u);  // 093I, 040I, 041I, two 050I; id 1
   struct Case {
     qmta::host::Op op;
     int32_t skip;
@@ -133,7 +133,7 @@ TEST_F(Actions, FailingStepsEachWithTheirMessage) {
       Fault(kFaultTimedWait, 0, 1, EINVAL);
     }
     Fire("Disk1", "node1", 1);
-    Lines lines = Drain();
+    Lines lines = Drain(1);
     ASSERT_GE(lines.size(), 2u);
     EXPECT_EQ(lines[0], "QMTA040I ACTION STARTED FOR SITNAME=Disk1 DESTNODE=HOST1 STATE=1 "
                         "REQUESTID=" + std::to_string(id));
@@ -149,18 +149,18 @@ TEST_F(Actions, ARequestThatCannotBePreparedStartsNoAction) {
         "SITNAME=C DESTNODE=X:SNMP_TRAP;\n",
         "* sim rc=0\n");
   Fire("A", "n", 1);
-  Drain();
+  Drain(1);
   qmta::host::FailOperation(qmta::host::Op::kCreateRequest, 8);
   Fire("B", "n", 1);
-  EXPECT_EQ(Drain(), Lines{"QMTA030E PULLSTACK SQL ERROR ON CREATEREQUEST STATUS=8"});
+  EXPECT_EQ(Drain(1), Lines{"QMTA030E PULLSTACK SQL ERROR ON CREATEREQUEST STATUS=8"});
   qmta::host::FailOperation(qmta::host::Op::kGetInputSQLDA, 9);
   Fire("B", "n", 1);
-  EXPECT_EQ(Drain(), Lines{"QMTA030E PULLSTACK SQL ERROR ON GetInputSQLDA STATUS=9"});
+  EXPECT_EQ(Drain(1), Lines{"QMTA030E PULLSTACK SQL ERROR ON GetInputSQLDA STATUS=9"});
   // The allocations of the event: the action record, its command, then the
   // new request entry.
   Fault(kFaultAlloc, 2, 1, ENOMEM);
   Fire("C", "n", 1);
-  EXPECT_EQ(Drain(), Lines{"QMTA000E ALLOCATION ERROR FOR REQUESTSTACKENTRY"});
+  EXPECT_EQ(Drain(1), Lines{"QMTA000E ALLOCATION ERROR FOR REQUESTSTACKENTRY"});
   Fault(kFaultMutexLock, 1, 1, EDEADLK);  // the table lock's mutex, then the request-id lock
   Fire("C", "n", 1);
   EXPECT_EQ(Drain(), Lines{"QMTA003E GET LOCK ERROR=" + std::to_string(EDEADLK)});
@@ -175,16 +175,16 @@ TEST_F(Actions, TheLastMatchingRuleDecidesTheResult) {
   Drain();
   Fault(kFaultThreadCreate, 0, 1, EAGAIN);  // first rule's thread fails
   EXPECT_EQ(Fire("S", "n", 1), 0);
-  Lines lines = Drain();
+  Lines lines = Drain(1);
   ASSERT_EQ(lines.size(), 4u);
   EXPECT_EQ(lines[0], "QMTA002E THREAD CREATION ERROR=" + std::to_string(EAGAIN));
   EXPECT_EQ(lines[1].substr(0, 52), "QMTA040I ACTION STARTED FOR SITNAME=S DESTNODE=D2 ST");
   Fault(kFaultThreadCreate, 1, 1, EAGAIN);  // second rule's thread fails
   EXPECT_EQ(Fire("S", "n", 1), -2);
-  EXPECT_EQ(Drain().size(), 4u);
+  EXPECT_EQ(Drain(1).size(), 4u);
   Fault(kFaultAlloc, 2, 1, ENOMEM);  // second rule's action record
   EXPECT_EQ(Fire("S", "n", 1), -1);
-  lines = Drain();
+  lines = Drain(1);
   EXPECT_EQ(std::count(lines.begin(), lines.end(),
                        "QMTA000E ALLOCATION ERROR FOR ACTION SQL PARMS"), 1);
   EXPECT_EQ(Fire("nothing", "n", 1), 0);
@@ -232,7 +232,7 @@ TEST_F(Actions, ParametersReachTheDestinationCutToTheirDeclaredLength) {
         "A:* record\nB record eager\n");
   Fire("S", "n", 1);
   Fault(kFaultTimedWait, 1000000, 0, 0);  // counts the waits, fails none
-  Lines lines = Drain();
+  Lines lines = Drain(2);
   qmta::host::SetCommandLength(600);
   std::lock_guard<std::mutex> hold(recorded.mutex);
   ASSERT_EQ(recorded.actions.size(), 2u);
@@ -260,7 +260,7 @@ TEST_F(Actions, ACompletionBeforeTheWaitIsTakenWithoutWaiting) {
   Drain();
   Fault(kFaultTimedWait, 1000000, 0, 0);
   Fire("S", "n", 1);
-  Lines lines = Drain();
+  Lines lines = Drain(1);
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[2], "QMTA050I ACTION COMPLETED FOR SITNAME=S DESTNODE=B STATE=1 RC=5 REQUESTID=1");
   auto calls = reinterpret_cast<int32_t (*)(int32_t)>(module_->Symbol("qmtatest_fault_calls"));
@@ -279,7 +279,7 @@ TEST_F(Actions, ManyEventsOnManyThreadsReportEveryActionOnce) {
         EXPECT_EQ(Fire("Load" + std::to_string(t), "n" + std::to_string(e), 1), 0);
     });
   for (auto& thread : threads) thread.join();
-  Lines lines = Drain();
+  Lines lines = Drain(3 * kThreads * kEvents);
   std::regex started("QMTA040I .* REQUESTID=([0-9]+)");
   std::regex ended("QMTA05[01][IW] .* REQUESTID=([0-9]+)");
   std::map<uint32_t, int> starts, ends;
@@ -310,11 +310,11 @@ TEST_F(Actions, EventEntryChecksThePathAndTheFlag) {
   // The first accepted call decides inDS and initialises.
   EXPECT_EQ(Fire("S", "n", 1), 0);
   EXPECT_EQ(State().inDS, 0);
-  Drain();
+  Drain(1);
   // A null handle with onDS set is accepted later and copies nothing.
   EXPECT_EQ(module_->autoexit("S", "n", 0, 1, "t", 0, nullptr, nullptr, nullptr, nullptr, 1), 0);
   EXPECT_EQ(State().inDS, 0);
-  Lines lines = Drain();
+  Lines lines = Drain(1);
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[1], "QMTA041I CMD=* \"S\" \"t\" \"0\" \"1\" \"n\" \"\"");
 }

@@ -1,6 +1,7 @@
 #include "tests/support/eventfixture.h"
 
 #include <chrono>
+#include <thread>
 
 namespace qmtatest {
 
@@ -29,6 +30,7 @@ void EventFixture::Start(const std::string& rules, const std::string& nodes) {
   out_ = std::make_unique<StdoutCapture>();
   module_ = std::make_unique<Module>();
   path_ = qmta::host::OwnPath();
+  drained_ = qmta::host::StartedActions();
 }
 
 int32_t EventFixture::Fire(const std::string& sitname, const std::string& node,
@@ -45,8 +47,16 @@ int32_t EventFixture::Fire(const std::string& sitname, const std::string& node,
                            names.data(), values.data(), threshold, &path_, 0);
 }
 
-std::vector<std::string> EventFixture::Drain() {
+std::vector<std::string> EventFixture::Drain(int64_t actions) {
+  if (actions >= 0) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (qmta::host::StartedActions() < drained_ + actions &&
+           std::chrono::steady_clock::now() < limit)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_GE(qmta::host::StartedActions(), drained_ + actions);
+  }
   EXPECT_TRUE(qmta::host::WaitForActions(std::chrono::seconds(30)));
+  drained_ = qmta::host::StartedActions();
   return out_->TakeLines();
 }
 

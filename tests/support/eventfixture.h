@@ -30,7 +30,10 @@ class EventFixture : public ::testing::Test {
                const std::vector<std::pair<std::string, std::string>>& attributes = {},
                const char* threshold = nullptr);
   // Waits until every action has finished and returns the lines printed.
-  std::vector<std::string> Drain();
+  // With `actions`, first waits until that many action threads have started
+  // since the last drain: a thread is seen only once it runs, which under
+  // load can be later than any settle time.
+  std::vector<std::string> Drain(int64_t actions = -1);
   // The module's fault and state hooks.
   void Fault(int32_t fault, int32_t skip, int32_t count, int32_t error);
   QmtaTestState State();
@@ -39,6 +42,7 @@ class EventFixture : public ::testing::Test {
   std::unique_ptr<StdoutCapture> out_;
   std::unique_ptr<Module> module_;
   DBQ1_Handle path_{};
+  int64_t drained_ = 0;  // action threads started up to the last drain
 };
 
 }  // namespace qmtatest
