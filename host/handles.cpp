@@ -63,9 +63,10 @@ void HandleRegistry::EndLife(Slot* slot) {
 DBQ1_Handle HandleRegistry::Add(std::shared_ptr<Object> object) {
   std::lock_guard<std::mutex> hold(mutex_);
   if (free_ == nullptr) {
+    auto fresh = std::make_unique<Slot[]>(kBlockSlots);
+    Slot* block = fresh.get();
     blocks_.reserve(blocks_.size() + 1);  // push_back below cannot throw
-    blocks_.push_back(std::unique_ptr<Slot[]>(new Slot[kBlockSlots]));
-    Slot* block = blocks_.back().get();
+    blocks_.push_back(std::move(fresh));
     for (int i = kBlockSlots - 1; i >= 0; --i) {
       block[i].nextFree = free_;
       free_ = &block[i];

@@ -70,8 +70,11 @@ std::string ErrorText(int error) { return std::generic_category().message(error)
 // Control characters (other than tab) are shown as '?', so that a program
 // cannot drive the operator's terminal.
 void Say(uint32_t requestId, std::string_view text) {
-  std::string line = "[" + std::to_string(requestId) + "] ";
-  line.reserve(line.size() + text.size() + 1);
+  std::string line;
+  line.reserve(text.size() + 16);
+  line += '[';
+  line += std::to_string(requestId);
+  line += "] ";
   for (char c : text) {
     auto byte = static_cast<unsigned char>(c);
     line += (byte < 0x20 && c != '\t') || byte == 0x7f ? '?' : c;
