@@ -92,11 +92,17 @@ std::string EncodeRequest(const Request& request) {
 }
 
 std::string EncodeReply(const Reply& reply) {
-  std::string data;
-  if (reply.failed)
-    return "QMTA1 STATUS " + std::to_string(reply.id) + " " + std::to_string(reply.status);
-  data = "QMTA1 RC " + std::to_string(reply.id);
-  for (int32_t code : reply.codes) data += " " + std::to_string(code);
+  std::string data(reply.failed ? "QMTA1 STATUS " : "QMTA1 RC ");
+  data += std::to_string(reply.id);
+  if (reply.failed) {
+    data += ' ';
+    data += std::to_string(reply.status);
+  }
+  for (int32_t code : reply.codes) {
+    if (reply.failed) break;
+    data += ' ';
+    data += std::to_string(code);
+  }
   return data;
 }
 
