@@ -251,13 +251,10 @@ TEST_F(Actions, ManyEventsOnManyThreadsReportEveryActionOnce) {
         "SITNAME=Load* DESTNODE=EMPTY:SNMP_TRAP;\n",
         "FAST sim rc=0\nSYS:* sim rc=1 delay=1\nEMPTY* sim norows\n");
   constexpr int kThreads = 4, kEvents = 250;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([this, t] {
-      for (int e = 0; e < kEvents; ++e)
-        EXPECT_EQ(Fire("Load" + std::to_string(t), "n" + std::to_string(e), 1), 0);
-    });
-  for (auto& thread : threads) thread.join();
+  qmtatest::OnThreads(kThreads, [this](int t) {
+    for (int e = 0; e < kEvents; ++e)
+      EXPECT_EQ(Fire("Load" + std::to_string(t), "n" + std::to_string(e), 1), 0);
+  });
   Lines lines = Drain(3 * kThreads * kEvents);
   std::regex started("QMTA040I .* REQUESTID=([0-9]+)");
   std::regex ended("QMTA05[01][IW] .* REQUESTID=([0-9]+)");

@@ -108,15 +108,17 @@ class Formatting : public ::testing::Test {
   }
   void TearDown() override {
     qmtatest_fault_reset();
-    for (char*& arg : rule_->args) {
-      if (arg && *arg) free(arg);
-      arg = nullptr;
-    }
+    args({});
     free(rule_);
     publishAnchor(nullptr);
     free(table_);
   }
+  // Replaces the rule's arguments; "" is kept as the static empty string.
   void args(std::vector<std::string> values) {
+    for (char*& arg : rule_->args) {
+      if (arg && *arg) free(arg);
+      arg = nullptr;
+    }
     for (size_t i = 0; i < values.size(); ++i)
       rule_->args[i] = values[i].empty() ? const_cast<char*>("") : strdup(values[i].c_str());
   }
@@ -174,11 +176,7 @@ TEST_F(Formatting, VariablesAttributesAndLiterals) {
             "myjob \"No\"de\" \"C:\" \"say 'hi'\" \"sitname\" \"as is\" \"Sit\"A\" "
             "\"a\"b\"");
   // A gap stops the expansion: ARG1 and ARG3 without ARG2 expands ARG1 only.
-  for (char*& arg : rule_->args) {
-    if (arg && *arg) free(arg);
-    arg = nullptr;
-  }
-  rule_->args[0] = strdup("NODE");
+  args({"NODE"});
   rule_->args[2] = strdup("SITNAME");
   EXPECT_EQ(command(p), "myjob \"No\"de\"");
 }
@@ -217,15 +215,13 @@ TEST_F(Formatting, CommandOf600CharactersFitsAnd601DoesNot) {
 
 TEST_F(Formatting, RequestIdsWrapBeforeTheLimit) {
   SitParms p = event("S", "N", 0, 1);
-  command(p);
-  EXPECT_EQ(last_id_, 1u);
-  command(p);
-  EXPECT_EQ(last_id_, 2u);
-  table_->requestId = kRequestIdWrap - 1;
-  command(p);
-  EXPECT_EQ(last_id_, kRequestIdWrap - 1);
-  command(p);
-  EXPECT_EQ(last_id_, 1u);
+  std::vector<uint32_t> ids;
+  for (int i = 0; i < 4; ++i) {
+    if (i == 2) table_->requestId = kRequestIdWrap - 1;
+    command(p);
+    ids.push_back(last_id_);
+  }
+  EXPECT_EQ(ids, (std::vector<uint32_t>{1, 2, kRequestIdWrap - 1, 1}));
 }
 
 TEST_F(Formatting, FailuresFreeEverythingAndSayWhy) {
@@ -247,23 +243,24 @@ TEST_F(Formatting, FailuresFreeEverythingAndSayWhy) {
 }
 
 TEST(Timestamp, SixteenDigitsAndTheCenturyDigit) {
-  auto stamp = [](int year, int mon, int day, int h, int m, int s) {
-    struct tm t = {};
-    t.tm_year = year - 1900;
-    t.tm_mon = mon - 1;
-    t.tm_mday = day;
-    t.tm_hour = h;
-    t.tm_min = m;
-    t.tm_sec = s;
-    char buffer[kTimestampBuffer];
-    return std::string(gettimestamp(buffer, &t));
+  const struct {
+    int year, mon, day, h, m, s;
+    const char* expected;
+  } cases[] = {
+      {2026, 11, 16, 0, 5, 9, "1261116000509000"},
+      {1999, 12, 31, 23, 59, 59, "0991231235959000"},
+      {2000, 1, 1, 0, 0, 0, "1000101000000000"},
+      {2016, 12, 31, 23, 59, 60, "1161231235960000"},  // leap second
+      {2899, 1, 1, 0, 0, 0, "9990101000000000"},
+      {2900, 1, 1, 0, 0, 0, "10000101000000000"},  // 17 from 2900 on
   };
-  EXPECT_EQ(stamp(2026, 11, 16, 0, 5, 9), "1261116000509000");
-  EXPECT_EQ(stamp(1999, 12, 31, 23, 59, 59), "0991231235959000");
-  EXPECT_EQ(stamp(2000, 1, 1, 0, 0, 0), "1000101000000000");
-  EXPECT_EQ(stamp(2016, 12, 31, 23, 59, 60), "1161231235960000");  // leap second
-  EXPECT_EQ(stamp(2899, 1, 1, 0, 0, 0), "9990101000000000");
-  EXPECT_EQ(stamp(2900, 1, 1, 0, 0, 0), "10000101000000000");  // 17 from 2900 on
+  for (const auto& c : cases) {
+    struct tm t = {};
+    t.tm_year = c.year - 1900, t.tm_mon = c.mon - 1, t.tm_mday = c.day;
+    t.tm_hour = c.h, t.tm_min = c.m, t.tm_sec = c.s;
+    char buffer[kTimestampBuffer];
+    EXPECT_EQ(std::string(gettimestamp(buffer, &t)), c.expected);
+  }
 }
 
 }  // namespace

@@ -57,13 +57,10 @@ TEST(HostServicesTest, RunOnceRunsOnceAndHoldsEveryCallerUntilDone) {
   };
   int32_t word = 0;
   std::atomic<int> ranHere{0}, returnedEarly{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i)
-    threads.emplace_back([&] {
-      ranHere += SVC1_InitializeOnce(&word, routine, nullptr, "test", __LINE__) == 0;
-      returnedEarly += !finished.load();
-    });
-  for (auto& thread : threads) thread.join();
+  qmtatest::OnThreads(8, [&](int) {
+    ranHere += SVC1_InitializeOnce(&word, routine, nullptr, "test", __LINE__) == 0;
+    returnedEarly += !finished.load();
+  });
   EXPECT_EQ(1, ranHere.load());
   EXPECT_EQ(0, returnedEarly.load());
   EXPECT_LT(word, 0);

@@ -149,12 +149,7 @@ class StderrCapture {
 };
 
 int CountEntries(const char* directory) {
-  int count = 0;
-  for (auto& entry : std::filesystem::directory_iterator(directory)) {
-    (void)entry;
-    ++count;
-  }
-  return count;
+  return static_cast<int>(std::distance(std::filesystem::directory_iterator(directory), {}));
 }
 
 class LocalRun : public ::testing::Test {

@@ -49,8 +49,7 @@ TEST_F(ModuleControl, StartUpWithAGoodAMissingAndAnEmptyRuleFile) {
   EXPECT_LT(State().initOnce, 0);
   EXPECT_EQ(Init(), Lines{});  // a second call does nothing
 
-  auto missing = std::make_unique<qmtatest::Module>();
-  std::swap(missing, module_);
+  module_ = std::make_unique<qmtatest::Module>();  // the old one is never unloaded
   dir_->Remove("QMTASITR");
   EXPECT_EQ(Init(), (Lines{"QMTA009W QMTASITR COULD NOT BE OPENED",
                            "QMTA092I ACTIONS HAVE BEEN DISABLED"}));
@@ -59,8 +58,7 @@ TEST_F(ModuleControl, StartUpWithAGoodAMissingAndAnEmptyRuleFile) {
   EXPECT_EQ(Fire("Disk1", "host1", 1), -3);  // refused silently
   EXPECT_EQ(out_->TakeLines(), Lines{});
 
-  auto empty = std::make_unique<qmtatest::Module>();
-  std::swap(empty, module_);
+  module_ = std::make_unique<qmtatest::Module>();
   dir_->Write("QMTASITR", "* nothing but comments\n*\n");
   EXPECT_EQ(Init(), (Lines{"QMTA008W QMTASITR LOOKUP TABLE IS EMPTY",
                            "QMTA092I ACTIONS HAVE BEEN DISABLED"}));
@@ -95,23 +93,15 @@ TEST_F(ModuleControl, TheFirstEventInitialisesWhenNoStartUpCallCame) {
 
 TEST_F(ModuleControl, StartUpAndFirstEventsRacingInitialiseOnce) {
   Start("SITNAME=S DESTNODE=D;\n", "* sim rc=0\n");
-  std::atomic<bool> go{false};
-  std::vector<std::thread> events;
-  std::atomic<int> results{0};
-  for (int i = 0; i < 4; ++i)
-    events.emplace_back([&] {
-      while (!go.load()) std::this_thread::yield();
+  std::atomic<int> ready{0}, results{0};
+  // Four events and three start-up calls, let go together.
+  qmtatest::OnThreads(7, [&](int i) {
+    for (++ready; ready.load() < 7;) std::this_thread::yield();
+    if (i < 4)
       results += Fire("S", "n", 1) == 0;
-    });
-  std::vector<std::thread> inits;
-  for (int i = 0; i < 3; ++i)
-    inits.emplace_back([&] {
-      while (!go.load()) std::this_thread::yield();
+    else
       module_->Init();  // on a thread of its own, which QMTAINIT detaches
-    });
-  go.store(true);
-  for (auto& t : events) t.join();
-  for (auto& t : inits) t.join();
+  });
   Lines lines = Drain(4);
   EXPECT_EQ(results.load(), 4);
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "QMTA093I ACTION ENVIRONMENT INITIALIZE"), 1);

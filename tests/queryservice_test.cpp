@@ -20,6 +20,7 @@
 
 #include "host/hostsvc.h"
 #include "platform/dbq1.h"
+#include "tests/support/support.h"
 
 namespace {
 
@@ -456,13 +457,10 @@ TEST_F(QueryServiceTest, HundredsOfOpensFromManyThreadsEachCompleteOnce) {
   ASSERT_EQ("accepted", Route("BUSY* sim rc=11,12 delay=30\n"));
   std::vector<std::unique_ptr<Request>> requests(kThreads * kEach);
   for (auto& r : requests) r = NewRequest();
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([&, t] {
-      for (int i = t * kEach; i < (t + 1) * kEach; ++i)
-        EXPECT_EQ(DBQ1_OK, Open(*requests[i], "BUSY" + std::to_string(i)));
-    });
-  for (auto& thread : threads) thread.join();
+  qmtatest::OnThreads(kThreads, [&](int t) {
+    for (int i = t * kEach; i < (t + 1) * kEach; ++i)
+      EXPECT_EQ(DBQ1_OK, Open(*requests[i], "BUSY" + std::to_string(i)));
+  });
   for (auto& r : requests) {
     ASSERT_TRUE(r->notice.WaitFor(1));
     EXPECT_EQ("11,12/514", Rows(*r));
@@ -487,26 +485,23 @@ TEST_F(QueryServiceTest, ClosesRacingCompletionsNeverSeeALateRoutine) {
     requests[i] = NewRequest();
     requests[i]->notice.hook = [&late, &flag = closed[i]] { late += flag.load(); };
   }
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t)
-    threads.emplace_back([&, t] {
-      for (int i = t * kRounds; i < (t + 1) * kRounds; ++i) {
-        Request& r = *requests[i];
-        if (i % 2) {  // the close meets the sim timer's completion
-          ASSERT_EQ(DBQ1_OK, Open(r, "FAST"));
-          for (int spin = (i * 7) % 50; spin > 0; --spin) std::this_thread::yield();
-        } else {  // the close comes just after the outcome was queued
-          ASSERT_EQ(DBQ1_OK, Open(r, "REC", "mine", i));
-          std::lock_guard<std::mutex> hold(recorder.mutex);
-          size_t at = recorder.actions.size();
-          while (recorder.actions[--at].requestId != static_cast<uint32_t>(i)) continue;
-          recorder.opens[at]->Rows({1});
-        }
-        ASSERT_EQ(DBQ1_OK, i % 4 < 2 ? DBQ1_CloseRequest(r.request) : DBQ1_DropHandle(r.request));
-        closed[i] = true;
+  qmtatest::OnThreads(kThreads, [&](int t) {
+    for (int i = t * kRounds; i < (t + 1) * kRounds; ++i) {
+      Request& r = *requests[i];
+      if (i % 2) {  // the close meets the sim timer's completion
+        ASSERT_EQ(DBQ1_OK, Open(r, "FAST"));
+        for (int spin = (i * 7) % 50; spin > 0; --spin) std::this_thread::yield();
+      } else {  // the close comes just after the outcome was queued
+        ASSERT_EQ(DBQ1_OK, Open(r, "REC", "mine", i));
+        std::lock_guard<std::mutex> hold(recorder.mutex);
+        size_t at = recorder.actions.size();
+        while (recorder.actions[--at].requestId != static_cast<uint32_t>(i)) continue;
+        recorder.opens[at]->Rows({1});
       }
-    });
-  for (auto& thread : threads) thread.join();
+      ASSERT_EQ(DBQ1_OK, i % 4 < 2 ? DBQ1_CloseRequest(r.request) : DBQ1_DropHandle(r.request));
+      closed[i] = true;
+    }
+  });
   std::this_thread::sleep_for(20ms);
   EXPECT_EQ(0, late.load());
   requests.clear();

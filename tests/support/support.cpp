@@ -52,6 +52,12 @@ std::string StdoutCapture::Take() {
 
 std::vector<std::string> StdoutCapture::TakeLines() { return SplitLines(Take()); }
 
+void OnThreads(int count, const std::function<void(int)>& body) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < count; ++t) threads.emplace_back(body, t);
+  for (auto& thread : threads) thread.join();
+}
+
 std::vector<std::string> SplitLines(const std::string& text) {
   std::vector<std::string> lines;
   size_t start = 0;

@@ -6,6 +6,7 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,9 @@ class ScratchDir {
   std::string path_;
   std::string previous_;
 };
+
+// Runs body(0) .. body(count - 1) on threads of their own and joins them.
+void OnThreads(int count, const std::function<void(int)>& body);
 
 // Splits text into lines without their line ends.
 std::vector<std::string> SplitLines(const std::string& text);
