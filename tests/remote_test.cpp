@@ -57,6 +57,14 @@ std::string ProgramIn(const char* name) {
 
 std::string ServerProgram() { return ProgramIn("nats-server"); }
 
+sockaddr_in Loopback(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  return address;
+}
+
 // A child process with standard output and error in files.
 class Child {
  public:
@@ -119,9 +127,7 @@ class Server {
     dir_ = dir;
     if (port_ == 0) {
       int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      sockaddr_in address = Loopback(0);
       socklen_t size = sizeof address;
       bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
       getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
@@ -142,10 +148,7 @@ class Server {
  private:
   bool Accepts() const {
     int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port_);
+    sockaddr_in address = Loopback(port_);
     bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     close(fd);
     return ok;
@@ -170,11 +173,18 @@ class Remote : public ::testing::Test {
   void Action(const std::string& name, const std::string& body) {
     Write("actions/" + name, "#!/bin/sh\n" + body + "\n", 0755);
   }
-  // An agent serving `nodes`; its standard error goes to NAME.err.
-  void StartAgent(Child& agent, const std::string& name, std::vector<std::string> args) {
-    std::vector<std::string> words = {QMTAAGENT_PATH, "--url", server_.Url(), "--actions",
-                                      Path("actions"), "--reconnect-wait", "50"};
-    words.insert(words.end(), args.begin(), args.end());
+  // The agent's command line for this server and the actions directory.
+  std::vector<std::string> AgentWords(std::vector<std::string> args,
+                                      const std::vector<std::string>& more = {}) const {
+    args.insert(args.begin(), {QMTAAGENT_PATH, "--url", server_.Url(), "--actions",
+                               Path("actions"), "--reconnect-wait", "50"});
+    args.insert(args.end(), more.begin(), more.end());
+    return args;
+  }
+  // An agent with `args` then `more` (nodes); its standard error goes to NAME.err.
+  void StartAgent(Child& agent, const std::string& name, std::vector<std::string> args,
+                  const std::vector<std::string>& more = {}) {
+    std::vector<std::string> words = AgentWords(args, more);
     ASSERT_TRUE(agent.Spawn(words, Path(name + ".out"), Path(name + ".err")));
     ASSERT_TRUE(WaitUntil([&] {
       return std::count(words.begin(), words.end(), "") == 0 &&
@@ -380,9 +390,8 @@ TEST_F(Remote, PermissionsKeepAnAgentToItsOwnNodes) {
 
   // A wrong password never gets a connection.
   Child wrong;
-  std::vector<std::string> words = {QMTAAGENT_PATH, "--url", server_.Url(), "--actions", Path("actions"),
-                                    "--user", "agenta", "--password-file", Path("wrong.pw"), "a:N"};
-  ASSERT_TRUE(wrong.Spawn(words, Path("wrong.out"), Path("wrong.err")));
+  ASSERT_TRUE(wrong.Spawn(AgentWords({"--user", "agenta", "--password-file", Path("wrong.pw"), "a:N"}),
+                          Path("wrong.out"), Path("wrong.err")));
   EXPECT_TRUE(WaitFor("wrong.err", "still trying")) << ReadFile(Path("wrong.err"));
   EXPECT_FALSE(WaitFor("wrong.err", "qmtaagent: connected", 500ms));
   wrong.Kill(SIGTERM);
@@ -418,12 +427,8 @@ TEST_F(Remote, TlsCarriesActionsBetweenClientsThatTrustEachOther) {
     if (!cert.empty()) words.insert(words.end(), {"--tls-cert", Path(cert + ".pem"), "--tls-key", Path(cert + ".key")});
     return words;
   };
-  auto withNodes = [](std::vector<std::string> words, std::vector<std::string> nodes) {
-    words.insert(words.end(), nodes.begin(), nodes.end());
-    return words;
-  };
   Child good, host;
-  StartAgent(good, "good", withNodes(client("ca", "client"), {"a:N", "x:N", "y:N"}));
+  StartAgent(good, "good", client("ca", "client"), {"a:N", "x:N", "y:N"});
   ASSERT_TRUE(WaitFor("good.err", "qmtaagent: connected")) << ReadFile(Path("good.err"));
   // The server turns away an agent without a client certificate, or with
   // one of another CA; the client library gives the connection up, and the
@@ -432,11 +437,7 @@ TEST_F(Remote, TlsCarriesActionsBetweenClientsThatTrustEachOther) {
       {"nocert", client("ca", "")}, {"stranger", client("ca", "stranger")}};
   for (const auto& [name, tls] : refused) {
     Child agent;
-    std::vector<std::string> words = {QMTAAGENT_PATH, "--url", server_.Url(), "--actions", Path("actions"),
-                                      "--reconnect-wait", "50"};
-    words.insert(words.end(), tls.begin(), tls.end());
-    words.push_back("b:N");
-    ASSERT_TRUE(agent.Spawn(words, Path(std::string(name) + ".out"), Path(std::string(name) + ".err")));
+    ASSERT_TRUE(agent.Spawn(AgentWords(tls, {"b:N"}), Path(std::string(name) + ".out"), Path(std::string(name) + ".err")));
     EXPECT_EQ(agent.Finish(5s), 1) << name;
     EXPECT_FALSE(Contains(Path(std::string(name) + ".err"), "qmtaagent: connected")) << name;
   }
