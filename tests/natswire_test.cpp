@@ -2,6 +2,7 @@
 #include "host/natswire.h"
 
 #include <set>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -39,10 +40,8 @@ TEST(NatsWire, RequestsCarryAnyBytesAndRejectAnythingElse) {
   Request back;
   std::string error;
   ASSERT_TRUE(DecodeRequest(data, &back, &error)) << error;
-  EXPECT_EQ(back.id, request.id);
-  EXPECT_EQ(back.callType, -7);
-  EXPECT_EQ(back.node, request.node);
-  EXPECT_EQ(back.command, request.command);
+  EXPECT_EQ(std::tie(back.id, back.callType, back.node, back.command),
+            std::tie(request.id, request.callType, request.node, request.command));
 
   const std::string bad[] = {
       "", "QMTA1 REQ 1 0 1 1\nab\n",  // longer than its header says
@@ -59,10 +58,8 @@ TEST(NatsWire, RepliesCarryCodesOrAStatus) {
     Reply back;
     std::string error;
     ASSERT_TRUE(DecodeReply(EncodeReply(reply), &back, &error)) << error;
-    EXPECT_EQ(back.id, reply.id);
-    EXPECT_EQ(back.failed, reply.failed);
-    EXPECT_EQ(back.status, reply.status);
-    EXPECT_EQ(back.codes, reply.codes);
+    EXPECT_EQ(std::tie(back.id, back.failed, back.status, back.codes),
+              std::tie(reply.id, reply.failed, reply.status, reply.codes));
   }
   EXPECT_EQ(EncodeReply(rows), "QMTA1 RC 9 0 -1 2147483647");
   Reply back;
