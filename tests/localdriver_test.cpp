@@ -120,34 +120,6 @@ class TestCompletion final : public qmta::host::Completion {
   bool closed_ = false;
 };
 
-// Standard error to a file while it lives.
-class StderrCapture {
- public:
-  StderrCapture() {
-    char name[] = "/tmp/qmta-stderr-XXXXXX";
-    file_ = mkstemp(name);
-    unlink(name);
-    saved_ = dup(2);
-    dup2(file_, 2);
-  }
-  ~StderrCapture() {
-    dup2(saved_, 2);
-    close(saved_);
-    close(file_);
-  }
-  std::vector<std::string> Lines() const {
-    std::string text;
-    char buffer[4096];
-    ssize_t got;
-    for (off_t at = 0; (got = pread(file_, buffer, sizeof buffer, at)) > 0; at += got)
-      text.append(buffer, static_cast<size_t>(got));
-    return qmtatest::SplitLines(text);
-  }
-
- private:
-  int saved_ = -1, file_ = -1;
-};
-
 int CountEntries(const char* directory) {
   return static_cast<int>(std::distance(std::filesystem::directory_iterator(directory), {}));
 }
@@ -198,12 +170,12 @@ TEST_F(LocalRun, RefusedAndUnrunnablePrograms) {
   std::filesystem::create_directory(actions_ + "/sub");
   std::ofstream(actions_ + "/garbage") << "\x7f" "ELF not really\n";
   chmod((actions_ + "/garbage").c_str(), 0755);
-  StderrCapture err;
+  qmtatest::StdoutCapture err(2);
   for (const char* command : {"../actions/plain", ".hidden", "plain", "sub", "\"\" x", "",
                               "job \"open"})
     EXPECT_EQ(Run(command), 127) << command;
   EXPECT_EQ(Run("garbage"), 126);
-  Words lines = err.Lines();
+  Words lines = err.TakeLines();
   ASSERT_EQ(lines.size(), 8u);
   EXPECT_EQ(lines[2], "[9] refused \"plain\": not an executable file");
   EXPECT_EQ(lines[6], "[9] refused: a double quote is not closed");
@@ -215,7 +187,7 @@ TEST_F(LocalRun, SignalsTimeoutsAndClose) {
   Script("hang", "sleep 30");
   Script("stubborn", "trap '' TERM\nwhile :; do sleep 0.1; done");
   Script("leaver", "sleep 30 &\necho $! > leftover");
-  StderrCapture err;
+  qmtatest::StdoutCapture err(2);
   EXPECT_EQ(Run("selfkill"), 128 + SIGUSR1);
 
   auto begin = std::chrono::steady_clock::now();
@@ -246,7 +218,7 @@ TEST_F(LocalRun, SignalsTimeoutsAndClose) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
   EXPECT_EQ(done->Code(10ms), -1);
 
-  Words lines = err.Lines();
+  Words lines = err.TakeLines();
   EXPECT_NE(std::find(lines.begin(), lines.end(), "[9] timed out after 1 s; ending the program"),
             lines.end());
   EXPECT_NE(std::find(lines.begin(), lines.end(), "[4] request closed; ending the program"),
@@ -256,9 +228,9 @@ TEST_F(LocalRun, SignalsTimeoutsAndClose) {
 TEST_F(LocalRun, OutputIsBoundedPerLineAndPerAction) {
   Script("noisy", "head -c 5000 /dev/zero | tr '\\0' a\necho\nprintf 'bell\\007\\n'\n"
                   "yes | head -n 100000\necho done >&2");
-  StderrCapture err;
+  qmtatest::StdoutCapture err(2);
   EXPECT_EQ(Run("noisy"), 0);
-  Words lines = err.Lines();
+  Words lines = err.TakeLines();
   ASSERT_GE(lines.size(), 4u);
   EXPECT_EQ(lines[0], "[9] " + std::string(1024, 'a') + " [line cut]");
   EXPECT_EQ(lines[1], "[9] bell?");

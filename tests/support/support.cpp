@@ -20,19 +20,19 @@
 
 namespace qmtatest {
 
-StdoutCapture::StdoutCapture() {
+StdoutCapture::StdoutCapture(int fd) : fd_(fd) {
   fflush(stdout);
   char name[] = "/tmp/qmta-stdout-XXXXXX";
   file_ = mkstemp(name);
   if (file_ < 0) throw std::runtime_error("mkstemp failed");
   unlink(name);
-  saved_ = dup(1);
-  dup2(file_, 1);
+  saved_ = dup(fd_);
+  dup2(file_, fd_);
 }
 
 StdoutCapture::~StdoutCapture() {
   fflush(stdout);
-  dup2(saved_, 1);
+  dup2(saved_, fd_);
   close(saved_);
   close(file_);
 }

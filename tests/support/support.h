@@ -14,10 +14,10 @@
 
 namespace qmtatest {
 
-// Sends standard output (fd 1) to a file while it lives.
+// Sends standard output (or the descriptor `fd`) to a file while it lives.
 class StdoutCapture {
  public:
-  StdoutCapture();
+  explicit StdoutCapture(int fd = 1);
   ~StdoutCapture();
   StdoutCapture(const StdoutCapture&) = delete;
   StdoutCapture& operator=(const StdoutCapture&) = delete;
@@ -27,6 +27,7 @@ class StdoutCapture {
   std::vector<std::string> TakeLines();
 
  private:
+  int fd_ = 1;
   int saved_ = -1;
   int file_ = -1;
   long offset_ = 0;
