@@ -41,7 +41,7 @@ const char kGoodRules[] =
     "* rules of the test\n"
     "SITNAME=Disk* ORIGINNODE=host* STATE=TRUE DESTNODE=D1 CALLTYPE=7 SCRIPT=job ARG1=NODE;\n";
 
-TEST_F(ModuleControl, StartUpWithAGoodAMissingAndAnEmptyRuleFile) {
+TEST_F(ModuleControl, StartUpOrFirstEventWithAGoodAMissingAndAnEmptyRuleFile) {
   Start(kGoodRules, "* sim rc=0\n");
   EXPECT_EQ(Init(), Lines{"QMTA093I ACTION ENVIRONMENT INITIALIZE"});
   EXPECT_EQ(State().automationFlag, 1);
@@ -51,12 +51,15 @@ TEST_F(ModuleControl, StartUpWithAGoodAMissingAndAnEmptyRuleFile) {
 
   module_ = std::make_unique<qmtatest::Module>();  // the old one is never unloaded
   dir_->Remove("QMTASITR");
-  EXPECT_EQ(Init(), (Lines{"QMTA009W QMTASITR COULD NOT BE OPENED",
-                           "QMTA092I ACTIONS HAVE BEEN DISABLED"}));
+  // Without a start-up call the first event initialises, and is refused.
+  EXPECT_EQ(Fire("Disk1", "host1", 1), -3);
+  EXPECT_EQ(out_->TakeLines(), (Lines{"QMTA009W QMTASITR COULD NOT BE OPENED",
+                                      "QMTA092I ACTIONS HAVE BEEN DISABLED",
+                                      "QMTA001W QMTASITR LOOKUP TABLE NOT LOADED"}));
   EXPECT_EQ(State().automationFlag, 2);
   EXPECT_NE(State().tableAnchor, nullptr);
-  EXPECT_EQ(Fire("Disk1", "host1", 1), -3);  // refused silently
-  EXPECT_EQ(out_->TakeLines(), Lines{});
+  EXPECT_EQ(Fire("Disk1", "host1", 1), -3);  // from now on without a message
+  EXPECT_EQ(Init(), Lines{});
 
   module_ = std::make_unique<qmtatest::Module>();
   dir_->Write("QMTASITR", "* nothing but comments\n*\n");
@@ -78,17 +81,6 @@ TEST_F(ModuleControl, StartUpWithAGoodAMissingAndAnEmptyRuleFile) {
   EXPECT_EQ(State().automationFlag, 1);
   EXPECT_EQ(Fire("Disk1", "host1", 1), 0);
   EXPECT_EQ(Drain(), Lines{});
-}
-
-TEST_F(ModuleControl, TheFirstEventInitialisesWhenNoStartUpCallCame) {
-  Start("SITNAME=S DESTNODE=D;\n", "* sim rc=0\n");
-  dir_->Remove("QMTASITR");
-  EXPECT_EQ(Fire("S", "n", 1), -3);
-  EXPECT_EQ(out_->TakeLines(), (Lines{"QMTA009W QMTASITR COULD NOT BE OPENED",
-                                      "QMTA092I ACTIONS HAVE BEEN DISABLED",
-                                      "QMTA001W QMTASITR LOOKUP TABLE NOT LOADED"}));
-  EXPECT_EQ(Fire("S", "n", 1), -3);  // from now on without a message
-  EXPECT_EQ(out_->TakeLines(), Lines{});
 }
 
 TEST_F(ModuleControl, StartUpAndFirstEventsRacingInitialiseOnce) {
