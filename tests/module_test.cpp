@@ -227,9 +227,20 @@ TEST_F(ModuleControl, CommandsAreRecognisedByTheirFirstSevenCharacters) {
   EXPECT_EQ(Command(""), Lines{"QMTA011E INVALID QMTASITR PARM="});
 }
 
-TEST_F(ModuleControl, TestSituationRunsThroughTheEventExitTwice) {
+TEST_F(ModuleControl, TestSituationReportsALoaderFailureOrRunsThroughTheExitTwice) {
   Start("SITNAME=TestSituation ORIGINNODE=TESTNODE:TEST DESTNODE=TDEST SCRIPT=echo;\n",
         "TDEST sim rc=0\n");
+  // A loader failure is reported, with the reference to the reason word
+  // shown as a number, and initialises nothing.
+  qmta::host::RegisterLoadModule("QMTAUTOX", "/nonexistent/module.so");
+  int32_t reason = -1;
+  EXPECT_EQ(module_->Command("TESTSIT", &reason), 8);
+  EXPECT_EQ(reason, 8);
+  EXPECT_EQ(out_->TakeLines(),
+            Lines{"QMTA015E UNABLE TO LOAD MODULE QMTAUTOX STATUS=8 REASON=" +
+                  std::to_string(static_cast<int>(reinterpret_cast<intptr_t>(&reason)))});
+  EXPECT_EQ(State().tableAnchor, nullptr);
+  qmta::host::RegisterLoadModule("QMTAUTOX", module_->path());
   Init();
   std::regex started("QMTA040I ACTION STARTED FOR SITNAME=TestSituation DESTNODE=TDEST "
                      "STATE=1 REQUESTID=([12])");
@@ -250,20 +261,6 @@ TEST_F(ModuleControl, TestSituationRunsThroughTheEventExitTwice) {
     // The exit found once is kept: the loader is not asked again.
     qmta::host::RegisterLoadModule("QMTAUTOX", "/nonexistent/module.so");
   }
-}
-
-TEST_F(ModuleControl, TestSituationReportsALoaderFailure) {
-  Start(kGoodRules, "* sim rc=0\n");
-  qmta::host::RegisterLoadModule("QMTAUTOX", "/nonexistent/module.so");
-  int32_t reason = -1;
-  EXPECT_EQ(module_->Command("TESTSIT", &reason), 8);
-  EXPECT_EQ(reason, 8);
-  // REASON shows the reference to the reason word, as a number.
-  EXPECT_EQ(out_->TakeLines(),
-            Lines{"QMTA015E UNABLE TO LOAD MODULE QMTAUTOX STATUS=8 REASON=" +
-                  std::to_string(static_cast<int>(reinterpret_cast<intptr_t>(&reason)))});
-  // Nothing was initialised by the failed command.
-  EXPECT_EQ(State().tableAnchor, nullptr);
 }
 
 TEST_F(ModuleControl, ReloadsWhileEventsFlowLoseNothing) {
