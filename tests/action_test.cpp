@@ -44,44 +44,44 @@ class Actions : public qmtatest::EventFixture {
 };
 
 const std::string kRows = "QMTA050I ACTION COMPLETED FOR SITNAME=Disk1 DESTNODE=";
+const std::string kOffline = " OFFLINE FOR SITNAME=Disk1 ORIGINNODE=node1 STATE=1 REQUESTID=1";
+const std::string kAsynch = "QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=";
 
-TEST_F(Actions, RowsEachGiveACompletionAndTheRequestIsKept) {
-  EXPECT_EQ(Outcome("HOST1", "HOST* sim rc=0,4\n"),
-            (Lines{kRows + "HOST1 STATE=1 RC=0 REQUESTID=1",
-                   kRows + "HOST1 STATE=1 RC=4 REQUESTID=1",
-                   "QMTA100I STACK SIZES:  VX=0/0 RM=1/1 SNMP=0/0"}));
-}
-
-TEST_F(Actions, AnAnswerWithoutRowsIsOfflineOnAnyStack) {
-  EXPECT_EQ(Outcome("H:SNMP_TRAP", "* sim norows\n"),
-            (Lines{"QMTA051W DESTNODE=H:SNMP_TRAP OFFLINE FOR SITNAME=Disk1 "
-                   "ORIGINNODE=node1 STATE=1 REQUESTID=1",
-                   "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=1/1"}));
-}
-
-TEST_F(Actions, Status2020IsOfflineOnlyOnTheFirstStack) {
-  EXPECT_EQ(Outcome("SYS1:MVS_ACTIONS", "*:MVS_ACTIONS sim offline\n"),
-            (Lines{"QMTA051W DESTNODE=SYS1:MVS_ACTIONS OFFLINE FOR SITNAME=Disk1 "
-                   "ORIGINNODE=node1 STATE=1 REQUESTID=1",
-                   "QMTA100I STACK SIZES:  VX=1/1 RM=0/0 SNMP=0/0"}));
-}
-
-TEST_F(Actions, Status2020ElsewhereIsAnErrorAndTheRequestIsDropped) {
-  EXPECT_EQ(Outcome("HOST:SNMP_TRAP", "* offline\n"),
-            (Lines{"QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=2020",
-                   "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=0/0"}));
-}
-
-TEST_F(Actions, ADestinationNoLineNamesIsOffline) {
-  EXPECT_EQ(Outcome("NOWHERE", "OTHER sim rc=0\n"),
-            (Lines{"QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=2020",
-                   "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=0/0"}));
-}
-
-TEST_F(Actions, AnotherCompletionStatusIsAnError) {
-  EXPECT_EQ(Outcome("HOST1", "HOST1 sim status=7 delay=20\n"),
-            (Lines{"QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=7",
-                   "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=0/0"}));
+// Every answer a destination can give, the messages it draws, and whether
+// the request went back to the stack the destination's name chose.
+TEST_F(Actions, EachAnswerOfTheDestinationHasItsMessages) {
+  const struct {
+    std::string dest, nodes;
+    Lines expected;
+  } cases[] = {
+      {"HOST1", "HOST* sim rc=0,4\n",
+       {kRows + "HOST1 STATE=1 RC=0 REQUESTID=1", kRows + "HOST1 STATE=1 RC=4 REQUESTID=1",
+        "QMTA100I STACK SIZES:  VX=0/0 RM=1/1 SNMP=0/0"}},
+      // No rows is "offline" on any stack.
+      {"H:SNMP_TRAP", "* sim norows\n",
+       {"QMTA051W DESTNODE=H:SNMP_TRAP" + kOffline,
+        "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=1/1"}},
+      // Status 2020 is "offline" on the first stack only, and keeps the request.
+      {"SYS1:MVS_ACTIONS", "*:MVS_ACTIONS sim offline\n",
+       {"QMTA051W DESTNODE=SYS1:MVS_ACTIONS" + kOffline,
+        "QMTA100I STACK SIZES:  VX=1/1 RM=0/0 SNMP=0/0"}},
+      {"HOST:SNMP_TRAP:MVS_ACTIONS", "* offline\n",
+       {"QMTA051W DESTNODE=HOST:SNMP_TRAP:MVS_ACTIONS" + kOffline,
+        "QMTA100I STACK SIZES:  VX=1/1 RM=0/0 SNMP=0/0"}},
+      // Elsewhere it is an error, and the request is dropped.
+      {"HOST:SNMP_TRAP", "* offline\n",
+       {kAsynch + "2020", "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=0/0"}},
+      {"host:snmp_trap", "* offline\n",  // the stack names are case-sensitive
+       {kAsynch + "2020", "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=0/0"}},
+      {"NOWHERE", "OTHER sim rc=0\n",  // no line names it
+       {kAsynch + "2020", "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=0/0"}},
+      {"HOST1", "HOST1 sim status=7 delay=20\n",
+       {kAsynch + "7", "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=0/0"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.dest + " " + c.nodes);
+    EXPECT_EQ(Outcome(c.dest, c.nodes), c.expected);
+  }
 }
 
 TEST_F(Actions, ASilentDestinationTimesOutAfterSixtySeconds) {
@@ -98,19 +98,6 @@ TEST_F(Actions, ASilentDestinationTimesOutAfterSixtySeconds) {
                          "QMTA030E SELECT SQL ERROR ON FETCH STATUS=" +
                              std::to_string(DBQ1_CURSOR_NOT_OPEN),
                          "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=0/0"}));
-}
-
-TEST_F(Actions, AFailedWaitReportsItsErrorNumber) {
-  Start("SITNAME=Disk* DESTNODE=HOST1 SCRIPT=job;\n", "HOST1 sim rc=0 delay=200\n");
-  Fire("Disk0", "node1", 1);  // initialises the environment
-  Drain();
-  Fault(kFaultTimedWait, 0, 1, EINVAL);
-  Fire("Disk1", "node1", 1);
-  Lines lines = Drain();
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[2], "QMTA042E NO RESPONSE FROM DESTNODE=HOST1 FOR SITNAME=Disk1 "
-                      "ORIGINNODE=node1 STATE=1 ERRNO=" +
-                          std::to_string(EINVAL) + " REQUESTID=2");
 }
 
 // Request ids move on with each event, so each failing step gets an event
@@ -130,10 +117,21 @@ TEST_F(Actions, FailingStepsEachWithTheirMessage) {
        {"QMTA030E SELECT SQL ERROR ON GetOutputSQLDA STATUS=2"}},
       {qmta::host::Op::kFetch, 1,
        {kRows + "HOST1 STATE=1 RC=3 REQUESTID=4", "QMTA030E SELECT SQL ERROR ON FETCH STATUS=2"}},
+      // A wait that fails reports its error number (the close that follows
+      // fails too, which changes nothing).
+      {qmta::host::Op::kCloseRequest, 0,
+       {"QMTA042E NO RESPONSE FROM DESTNODE=HOST1 FOR SITNAME=Disk1 ORIGINNODE=node1 STATE=1 "
+        "ERRNO=" + std::to_string(EINVAL) + " REQUESTID=5"}},
   };
   uint32_t id = 2;
   for (const Case& c : cases) {
     qmta::host::FailOperation(c.op, DBQ1_STALE_HANDLE, 1, c.skip);
+    if (c.op == qmta::host::Op::kCloseRequest) {
+      // The answer must come after the wait has begun for the wait to fail.
+      std::string error;
+      ASSERT_TRUE(qmta::host::SetDestinations("HOST1 sim rc=3,5 delay=300\n", &error));
+      Fault(kFaultTimedWait, 0, 1, EINVAL);
+    }
     Fire("Disk1", "node1", 1);
     Lines lines = Drain();
     ASSERT_GE(lines.size(), 2u);

@@ -149,13 +149,13 @@ TEST_F(LoadTable, HostileFiles) {
   ASSERT_EQ(195u, messages.size());
   EXPECT_EQ("QMTA010E DESTNODE NOT SPECIFIED IN LINE 195 NEAR \"" + std::string(483, 'x') + "\"", messages.back());
   const char letters[] = "SITNAME=DESTNODE=ARG1=\"\";;**  \t\r\n\n\0\xff";
-  for (unsigned seed = 1; seed <= 20; ++seed) {
-    std::mt19937 random(seed);
+  for (unsigned salt = 1; salt <= 20; ++salt) {
+    std::mt19937 random(salt);
     std::string junk(3000, '\0');
     for (char& c : junk) c = random() % 4 ? letters[random() % (sizeof letters - 1)] : char(random());
     Load(junk + good);
-    ASSERT_FALSE(Table().empty()) << seed;
-    EXPECT_EQ("GOOD|*|*|1|0|*|", Table().back()) << seed;
+    ASSERT_FALSE(Table().empty()) << salt;
+    EXPECT_EQ("GOOD|*|*|1|0|*|", Table().back()) << salt;
   }
   qmta::host::SetTraceLevel(0);
   qmta::host::SetTraceStream(nullptr);

@@ -25,6 +25,7 @@ void EventFixture::Start(const std::string& rules, const std::string& nodes) {
   dir_->Write("QMTASITR", rules);
   std::string error;
   ASSERT_TRUE(qmta::host::SetDestinations(nodes, &error)) << error;
+  out_.reset();  // a capture restores standard output when it ends
   out_ = std::make_unique<StdoutCapture>();
   module_ = std::make_unique<Module>();
   path_ = qmta::host::OwnPath();

@@ -1,0 +1,157 @@
+#include "host/nats/connect.h"
+
+#include <charconv>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+namespace qmta::host::natsconn {
+namespace {
+
+bool ReadSecret(const std::string& path, std::string* text, std::string* error) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream content;
+  if (in) content << in.rdbuf();
+  if (!in || in.bad()) {
+    *error = "cannot read " + path;
+    return false;
+  }
+  *text = content.str();
+  while (!text->empty() && (text->back() == '\n' || text->back() == '\r')) text->pop_back();
+  if (text->empty()) {
+    *error = path + " is empty";
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+bool Set(std::string_view key, std::string_view value, Settings* settings, std::string* error) {
+  std::string* field = nullptr;
+  if (key == "url") field = &settings->url;
+  else if (key == "tls-ca") field = &settings->tlsCa;
+  else if (key == "tls-cert") field = &settings->tlsCert;
+  else if (key == "tls-key") field = &settings->tlsKey;
+  else if (key == "user") field = &settings->user;
+  else if (key == "password-file") field = &settings->passwordFile;
+  else if (key == "creds") field = &settings->creds;
+  if (field) {
+    if (!field->empty()) {
+      *error = std::string(key) + " given twice";
+      return false;
+    }
+    if (value.empty() || value.find('\0') != std::string_view::npos) {
+      *error = std::string(key) + " needs a value";
+      return false;
+    }
+    field->assign(value);
+    return true;
+  }
+  if (key == "reconnect-wait") {
+    int ms = 0;
+    auto result = std::from_chars(value.data(), value.data() + value.size(), ms);
+    if (value.empty() || result.ec != std::errc() || result.ptr != value.data() + value.size() ||
+        ms < 10 || ms > 60000) {
+      *error = "bad reconnect-wait \"" + std::string(value) + "\" (10 to 60000 ms)";
+      return false;
+    }
+    settings->reconnectWaitMs = ms;
+    return true;
+  }
+  *error = "unknown setting \"" + std::string(key) + "\"";
+  return false;
+}
+
+bool Check(const Settings& settings, std::string* error) {
+  if (settings.url.empty()) {
+    *error = "no url";
+    return false;
+  }
+  if (settings.url.find("://") == std::string::npos) {
+    *error = "url must look like nats://HOST:PORT or tls://HOST:PORT";
+    return false;
+  }
+  if (settings.tlsCert.empty() != settings.tlsKey.empty()) {
+    *error = "tls-cert and tls-key go together";
+    return false;
+  }
+  if (settings.user.empty() != settings.passwordFile.empty()) {
+    *error = "user and password-file go together";
+    return false;
+  }
+  if (!settings.user.empty() && !settings.creds.empty()) {
+    *error = "give either user/password-file or creds";
+    return false;
+  }
+  return true;
+}
+
+natsOptions* MakeOptions(const Settings& settings, std::string* error) {
+  natsOptions* options = nullptr;
+  if (natsOptions_Create(&options) != NATS_OK) {
+    *error = "cannot create client options";
+    return nullptr;
+  }
+  auto fail = [&](const std::string& what, natsStatus status) -> natsOptions* {
+    *error = what + ": " + StatusText(status);
+    natsOptions_Destroy(options);
+    return nullptr;
+  };
+  natsStatus s;
+  {
+    // A comma-separated list names the servers of a cluster.
+    std::vector<std::string> urls;
+    std::stringstream list(settings.url);
+    for (std::string url; std::getline(list, url, ',');)
+      if (!url.empty()) urls.push_back(url);
+    std::vector<const char*> pointers;
+    for (auto& url : urls) pointers.push_back(url.c_str());
+    s = natsOptions_SetServers(options, pointers.data(), static_cast<int>(pointers.size()));
+    if (s != NATS_OK) return fail("bad url \"" + settings.url + "\"", s);
+  }
+  if (!settings.name.empty()) natsOptions_SetName(options, settings.name.c_str());
+  natsOptions_SetNoRandomize(options, true);
+  natsOptions_SetAllowReconnect(options, true);
+  natsOptions_SetMaxReconnect(options, -1);
+  natsOptions_SetReconnectWait(options, settings.reconnectWaitMs);
+  natsOptions_SetReconnectJitter(options, 0, 0);
+  natsOptions_SetTimeout(options, 2000);
+  natsOptions_SetPingInterval(options, 5000);
+  natsOptions_SetMaxPingsOut(options, 2);
+
+  bool tls = settings.url.find("tls://") != std::string::npos || !settings.tlsCa.empty() ||
+             !settings.tlsCert.empty();
+  if (tls) {
+    s = natsOptions_SetSecure(options, true);
+    if (s != NATS_OK) return fail("TLS is not available", s);
+    if (!settings.tlsCa.empty() &&
+        (s = natsOptions_LoadCATrustedCertificates(options, settings.tlsCa.c_str())) != NATS_OK)
+      return fail("cannot load " + settings.tlsCa, s);
+    if (!settings.tlsCert.empty() &&
+        (s = natsOptions_LoadCertificatesChain(options, settings.tlsCert.c_str(),
+                                               settings.tlsKey.c_str())) != NATS_OK)
+      return fail("cannot load " + settings.tlsCert + " and " + settings.tlsKey, s);
+  }
+  if (!settings.user.empty()) {
+    std::string password;
+    if (!ReadSecret(settings.passwordFile, &password, error)) {
+      natsOptions_Destroy(options);
+      return nullptr;
+    }
+    s = natsOptions_SetUserInfo(options, settings.user.c_str(), password.c_str());
+    if (s != NATS_OK) return fail("bad user", s);
+  }
+  if (!settings.creds.empty() &&
+      (s = natsOptions_SetUserCredentialsFromFiles(options, settings.creds.c_str(), nullptr)) !=
+          NATS_OK)
+    return fail("cannot use " + settings.creds, s);
+  return options;
+}
+
+std::string StatusText(natsStatus status) {
+  const char* text = natsStatus_GetText(status);
+  return text ? text : "status " + std::to_string(static_cast<int>(status));
+}
+
+}  // namespace qmta::host::natsconn

@@ -1,0 +1,306 @@
+// The local driver on its own: word splitting, program names, options, and
+// real programs run through a driver with a completion of the test's.
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "host/localdriver.h"
+#include "tests/support/support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Words = std::vector<std::string>;
+using qmta::host::SplitCommand;
+
+Words Split(const std::string& command) {
+  Words words;
+  std::string error;
+  EXPECT_TRUE(SplitCommand(command, &words, &error)) << command << ": " << error;
+  return words;
+}
+
+TEST(LocalSplit, DoubleQuotesGroupAndNothingElseIsSpecial) {
+  EXPECT_EQ(Split("job \"a b\" c"), (Words{"job", "a b", "c"}));
+  EXPECT_EQ(Split("  job\t\"\"  x  "), (Words{"job", "", "x"}));
+  EXPECT_EQ(Split("job a\"b c\"d"), (Words{"job", "ab cd"}));
+  EXPECT_EQ(Split("job \"line\none\""), (Words{"job", "line\none"}));
+  EXPECT_EQ(Split("job \"$(touch x)\" `id` a;b ../x $HOME * 'q r' a\\ b"),
+            (Words{"job", "$(touch x)", "`id`", "a;b", "../x", "$HOME", "*", "'q", "r'",
+                   "a\\", "b"}));
+  EXPECT_EQ(Split("job \"a\\\" b"), (Words{"job", "a\\", "b"}));
+  EXPECT_EQ(Split(""), Words{});
+  EXPECT_EQ(Split("\"\""), Words{""});
+
+  Words words;
+  std::string error;
+  EXPECT_FALSE(SplitCommand("job \"open", &words, &error));
+  EXPECT_EQ(error, "a double quote is not closed");
+  EXPECT_FALSE(SplitCommand(std::string("job \"a\0b\"", 10), &words, &error));
+  EXPECT_EQ(error, "the command holds a NUL character");
+}
+
+TEST(LocalSplit, ProgramNamesAndOptions) {
+  for (const char* good : {"job", "run-it_2", "a.b"})
+    EXPECT_TRUE(qmta::host::ValidProgramName(good)) << good;
+  for (const std::string& bad : Words{"", ".", "..", ".hidden", "../x", "a/b", "/bin/sh",
+                                      std::string(256, 'a')})
+    EXPECT_FALSE(qmta::host::ValidProgramName(bad)) << bad;
+
+  qmta::host::LocalSettings settings;
+  std::string error;
+  EXPECT_EQ(settings.timeout, 50s);
+  EXPECT_EQ(settings.maxRunning, 64);
+  ASSERT_TRUE(qmta::host::ParseLocalOptions({"timeout=1", "max=3"}, &settings, &error));
+  EXPECT_EQ(settings.timeout, 1s);
+  EXPECT_EQ(settings.maxRunning, 3);
+  for (const Words& bad : {Words{"timeout=0"}, Words{"timeout=1.5"}, Words{"timeout"},
+                           Words{"max=0"}, Words{"max=5000"}, Words{"max=x"},
+                           Words{"timeout=1", "timeout=2"}, Words{"fast"}}) {
+    error.clear();
+    EXPECT_FALSE(qmta::host::ParseLocalOptions(bad, &settings, &error)) << bad[0];
+    EXPECT_TRUE(error.starts_with("local: ")) << error;
+  }
+}
+
+// A completion that the test can wait on and close. The local driver only
+// ever answers with one row.
+class TestCompletion final : public qmta::host::Completion {
+ public:
+  void Rows(std::vector<int32_t> codes) override { Complete(codes.size() == 1 ? codes[0] : -2); }
+  void Fail(int32_t) override { Complete(-3); }
+  void OnClose(std::function<void()> stop) override {
+    std::unique_lock<std::mutex> hold(mutex_);
+    if (!closed_) {
+      stop_ = std::move(stop);
+      return;
+    }
+    hold.unlock();
+    stop();
+  }
+  bool Closed() const override {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return closed_;
+  }
+  void Close() {
+    std::unique_lock<std::mutex> hold(mutex_);
+    closed_ = true;
+    auto stop = std::move(stop_);
+    hold.unlock();
+    if (stop) stop();
+  }
+  // The return code, or -1 when none came within `limit`.
+  int32_t Code(std::chrono::milliseconds limit = 20s) {
+    std::unique_lock<std::mutex> hold(mutex_);
+    ready_.wait_for(hold, limit, [this] { return code_.has_value(); });
+    return code_.value_or(-1);
+  }
+
+ private:
+  void Complete(int32_t code) {
+    std::lock_guard<std::mutex> hold(mutex_);
+    if (!closed_ && !code_) code_ = code;
+    ready_.notify_all();
+  }
+  mutable std::mutex mutex_;
+  std::condition_variable ready_;
+  std::optional<int32_t> code_;
+  std::function<void()> stop_;
+  bool closed_ = false;
+};
+
+// Standard error to a file while it lives.
+class StderrCapture {
+ public:
+  StderrCapture() {
+    char name[] = "/tmp/qmta-stderr-XXXXXX";
+    file_ = mkstemp(name);
+    unlink(name);
+    saved_ = dup(2);
+    dup2(file_, 2);
+  }
+  ~StderrCapture() {
+    dup2(saved_, 2);
+    close(saved_);
+    close(file_);
+  }
+  std::vector<std::string> Lines() const {
+    std::string text;
+    char buffer[4096];
+    ssize_t got;
+    for (off_t at = 0; (got = pread(file_, buffer, sizeof buffer, at)) > 0; at += got)
+      text.append(buffer, static_cast<size_t>(got));
+    return qmtatest::SplitLines(text);
+  }
+
+ private:
+  int saved_ = -1, file_ = -1;
+};
+
+int CountEntries(const char* directory) {
+  int count = 0;
+  for (auto& entry : std::filesystem::directory_iterator(directory)) {
+    (void)entry;
+    ++count;
+  }
+  return count;
+}
+
+class LocalRun : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    actions_ = dir_.path() + "/actions";
+    std::filesystem::create_directory(actions_);
+  }
+  void TearDown() override { EXPECT_TRUE(qmta::host::WaitForLocalRunners(20s)); }
+
+  void Script(const std::string& name, const std::string& body, mode_t mode = 0755) {
+    std::string path = actions_ + "/" + name;
+    std::ofstream(path) << "#!/bin/sh\n" << body << "\n";
+    chmod(path.c_str(), mode);
+  }
+  std::unique_ptr<qmta::host::Driver> Driver(const Words& options = {}) {
+    std::string error;
+    auto driver = qmta::host::LocalDriverFactory(actions_)(options, &error);
+    EXPECT_TRUE(driver) << error;
+    return driver;
+  }
+  std::shared_ptr<TestCompletion> Start(qmta::host::Driver& driver, uint32_t id,
+                                        const std::string& command,
+                                        const std::string& node = "NODE1") {
+    auto done = std::make_shared<TestCompletion>();
+    qmta::host::Action action;
+    action.requestId = id;
+    action.command = command;
+    action.callType = 5;
+    action.destination = node;
+    driver.Start(action, done);
+    return done;
+  }
+  int32_t Run(const std::string& command, const Words& options = {}) {
+    auto driver = Driver(options);
+    return Start(*driver, 9, command)->Code();
+  }
+
+  qmtatest::ScratchDir dir_;
+  std::string actions_;
+};
+
+TEST_F(LocalRun, RefusedAndUnrunnablePrograms) {
+  Script("plain", "exit 0", 0644);
+  Script(".hidden", "exit 0");
+  std::filesystem::create_directory(actions_ + "/sub");
+  std::ofstream(actions_ + "/garbage") << "\x7f" "ELF not really\n";
+  chmod((actions_ + "/garbage").c_str(), 0755);
+  StderrCapture err;
+  for (const char* command : {"../actions/plain", ".hidden", "plain", "sub", "\"\" x", "",
+                              "job \"open"})
+    EXPECT_EQ(Run(command), 127) << command;
+  EXPECT_EQ(Run("garbage"), 126);
+  Words lines = err.Lines();
+  ASSERT_EQ(lines.size(), 8u);
+  EXPECT_EQ(lines[2], "[9] refused \"plain\": not an executable file");
+  EXPECT_EQ(lines[6], "[9] refused: a double quote is not closed");
+  EXPECT_TRUE(lines[7].starts_with("[9] cannot run \"garbage\": ")) << lines[7];
+}
+
+TEST_F(LocalRun, SignalsTimeoutsAndClose) {
+  Script("selfkill", "kill -USR1 $$");
+  Script("hang", "sleep 30");
+  Script("stubborn", "trap '' TERM\nwhile :; do sleep 0.1; done");
+  Script("leaver", "sleep 30 &\necho $! > leftover");
+  StderrCapture err;
+  EXPECT_EQ(Run("selfkill"), 128 + SIGUSR1);
+
+  auto begin = std::chrono::steady_clock::now();
+  EXPECT_EQ(Run("hang", {"timeout=1"}), 128 + SIGTERM);
+  EXPECT_EQ(Run("stubborn", {"timeout=1"}), 128 + SIGKILL);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 8s);
+
+  // Whatever the program leaves in its group ends with it.
+  EXPECT_EQ(Run("leaver"), 0);
+  pid_t leftover = 0;
+  std::ifstream(dir_.path() + "/leftover") >> leftover;
+  bool gone = false;
+  for (int i = 0; i < 200 && !gone; ++i) {
+    std::ifstream stat("/proc/" + std::to_string(leftover) + "/stat");
+    std::string pid, name, state;
+    gone = !(stat >> pid >> name >> state) || state == "Z";
+    if (!gone) std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_TRUE(gone);
+
+  // A closed request ends its program at once; its outcome goes nowhere.
+  auto driver = Driver();
+  auto done = Start(*driver, 4, "hang");
+  std::this_thread::sleep_for(200ms);
+  begin = std::chrono::steady_clock::now();
+  done->Close();
+  EXPECT_TRUE(qmta::host::WaitForLocalRunners(5s));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
+  EXPECT_EQ(done->Code(10ms), -1);
+
+  Words lines = err.Lines();
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "[9] timed out after 1 s; ending the program"),
+            lines.end());
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "[4] request closed; ending the program"),
+            lines.end());
+}
+
+TEST_F(LocalRun, OutputIsBoundedPerLineAndPerAction) {
+  Script("noisy", "head -c 5000 /dev/zero | tr '\\0' a\necho\nprintf 'bell\\007\\n'\n"
+                  "yes | head -n 100000\necho done >&2");
+  StderrCapture err;
+  EXPECT_EQ(Run("noisy"), 0);
+  Words lines = err.Lines();
+  ASSERT_GE(lines.size(), 4u);
+  EXPECT_EQ(lines[0], "[9] " + std::string(1024, 'a') + " [line cut]");
+  EXPECT_EQ(lines[1], "[9] bell?");
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "[9] [further output dropped]"), lines.end());
+  EXPECT_LT(lines.size(), 40000u);
+}
+
+TEST_F(LocalRun, ManyActionsLeaveNoProcessDescriptorOrThread) {
+  // `one` fails with 99 when another program of its node is running.
+  Script("one", "mkdir busy.$QMTA_NODE || exit 99\nsleep 0.03\nrmdir busy.$QMTA_NODE\nexit $1");
+  Script("any", "sleep 0.05\nexit $1");
+  auto limited = Driver({"max=1"});
+  // A first action, so that threads a sanitizer runtime starts with the
+  // first thread are there before the count.
+  EXPECT_EQ(Start(*limited, 0, "any 0")->Code(), 0);
+  ASSERT_TRUE(qmta::host::WaitForLocalRunners(10s));
+  std::this_thread::sleep_for(100ms);
+  int fdsBefore = CountEntries("/proc/self/fd");
+  int threadsBefore = CountEntries("/proc/self/task");
+  auto wide = Driver();
+  std::vector<std::pair<std::shared_ptr<TestCompletion>, int>> started;
+  for (int i = 0; i < 60; ++i) {
+    std::string code = std::to_string(i % 7);
+    started.emplace_back(i % 2 ? Start(*limited, i, "one " + code, i % 3 ? "A" : "B")
+                               : Start(*wide, i, "any " + code, "W"),
+                         i % 7);
+  }
+  for (auto& [done, code] : started) EXPECT_EQ(done->Code(), code);
+  ASSERT_TRUE(qmta::host::WaitForLocalRunners(10s));
+  siginfo_t info = {};
+  EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+  EXPECT_EQ(CountEntries("/proc/self/fd"), fdsBefore);
+  // Detached runner threads may take a moment to leave after the count.
+  for (int i = 0; i < 200 && CountEntries("/proc/self/task") > threadsBefore; ++i)
+    std::this_thread::sleep_for(10ms);
+  EXPECT_EQ(CountEntries("/proc/self/task"), threadsBefore);
+}
+
+}  // namespace
