@@ -219,6 +219,7 @@ TEST_F(Host, MalformedLinesAreReportedAndSkipped) {
       "\n"
       "{\"sitname\": \"S\", \"originnode\": \"n\"\n"
       "{\"sitname\": \"S\", \"originnode\": \"n\", \"currstate\": 4294967297}\n"
+      "{\"sitname\": \"S\", \"originnode\": \"n\", \"currstate\": 1e400}\n"
       "DISPLAY?junk\n"
       "{\"sitname\": \"S\", \"originnode\": \"n\", \"currstate\": 1, \"attributes\": [[\"a\", \"v\"]]}\r\n";
   input[input.find('?')] = '\0';
@@ -230,10 +231,12 @@ TEST_F(Host, MalformedLinesAreReportedAndSkipped) {
       "QMTA040I ACTION STARTED FOR SITNAME=S DESTNODE=sim:N STATE=1 REQUESTID=1",
       "QMTA041I CMD=j \"v\"",
       "QMTA050I ACTION COMPLETED FOR SITNAME=S DESTNODE=sim:N STATE=1 RC=0 REQUESTID=1"}));
-  ASSERT_EQ(result.err.size(), 3u);
+  ASSERT_EQ(result.err.size(), 4u);
   EXPECT_TRUE(result.err[0].starts_with("qmtahost: line 3: bad JSON: ")) << result.err[0];
   EXPECT_EQ(result.err[1], "qmtahost: line 4: \"currstate\" is out of 32-bit range");
-  EXPECT_EQ(result.err[2], "qmtahost: line 5: NUL character in the line");
+  // A number no double holds ends that line only, not the program.
+  EXPECT_EQ(result.err[2], "qmtahost: line 5: bad JSON: number overflow parsing '1e400'");
+  EXPECT_EQ(result.err[3], "qmtahost: line 6: NUL character in the line");
 }
 
 TEST_F(Host, UsageAndModuleErrors) {
