@@ -339,4 +339,41 @@ TEST_F(Host, LocalActionsGetPlainArgumentsAndEveryEnding) {
     EXPECT_TRUE(line.starts_with("QMTA")) << line;
 }
 
+TEST_F(Host, PercentSignsAnywhereAreText) {
+  Write("QMTASITR",
+        "SITNAME=%n* DESTNODE=node:%n SCRIPT=args ARG1=SITNAME ARG2=NODE ARG3=%n%s ARG4=a "
+        "ARG5=THRESHOLD;\n");
+  Action("args", "printf '%s\\0' \"$@\" > argv.$QMTA_REQUESTID\necho \"$1\"");
+  Write("nodes", "node:* local\n");
+  const std::string input =
+      "%n\n"
+      "REFRESH%n%s\n"
+      R"({"sitname": "%n%s", "originnode": "%x%n", "currstate": 1, )"
+      R"("attributes": [["a", "%n%n%n"]], "threshold": "%s%p"})" "\n"
+      R"({"drain": true})" "\n"
+      "DISPLAY %n\n";
+  Result result = Run({"--nodes", "nodes"}, input);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out,
+            (Lines{"QMTA093I ACTION ENVIRONMENT INITIALIZE",
+                   "QMTA011E INVALID QMTASITR PARM=%n",
+                   "QMTA090I QMTASITR REFRESHED.  STATUS=0",
+                   "QMTA040I ACTION STARTED FOR SITNAME=%n%s DESTNODE=node:%n STATE=1 REQUESTID=1",
+                   "QMTA041I CMD=args \"%n%s\" \"%x%n\" \"%n%s\" \"%n%n%n\" \"%s%p\"",
+                   "QMTA050I ACTION COMPLETED FOR SITNAME=%n%s DESTNODE=node:%n STATE=1 RC=0 "
+                   "REQUESTID=1",
+                   "QMTA094I QMTASITR LOOKUP TABLE:",
+                   "QMTA095I IF SITNAME=%n* AND ORIGINNODE=* AND STATE=TRUE THEN",
+                   "QMTA096I    DESTNODE=node:%n CALLTYPE=0 SCRIPT=args",
+                   "QMTA097I       ARG1=SITNAME",
+                   "QMTA097I       ARG2=NODE",
+                   "QMTA097I       ARG3=%n%s",
+                   "QMTA097I       ARG4=a",
+                   "QMTA097I       ARG5=THRESHOLD",
+                   "QMTA100I STACK SIZES:  VX=0/0 RM=1/1 SNMP=0/0"}));
+  EXPECT_EQ(Read("argv.1"), std::string("%n%s") + '\0' + "%x%n" + '\0' + "%n%s" + '\0' +
+                                "%n%n%n" + '\0' + "%s%p" + '\0');
+  EXPECT_TRUE(result.Said("[1] %n%s"));
+}
+
 }  // namespace
