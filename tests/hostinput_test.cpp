@@ -133,6 +133,10 @@ TEST(HostInput, MalformedLinesGiveAReason) {
       {"{" + base + R"(, "currstate": 1, "sitnmae": "x"})", "unknown field \"sitnmae\""},
       {R"({"drain": false})", "\"drain\" must be true"},
       {R"({"drain": true, "sitname": "S"})", "\"drain\" takes no other field"},
+      // Found by fuzzing: a number beyond a double's range is refused by the
+      // JSON reader with an error of its own kind, which once escaped.
+      {"{" + base + R"(, "currstate": 1e400})", "bad JSON: number overflow parsing '1e400'"},
+      {R"({"x": -9990E9400})", "bad JSON: number overflow parsing '-9990E9400'"},
   };
   for (const auto& [text, reason] : cases) {
     InputLine line = qmta::hostprog::ParseInputLine(text);

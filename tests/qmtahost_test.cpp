@@ -219,6 +219,7 @@ TEST_F(Host, MalformedLinesAreReportedAndSkipped) {
       "\n"
       "{\"sitname\": \"S\", \"originnode\": \"n\"\n"
       "{\"sitname\": \"S\", \"originnode\": \"n\", \"currstate\": 4294967297}\n"
+      "{\"sitname\": \"S\", \"originnode\": \"n\", \"currstate\": 1e400}\n"
       "DISPLAY?junk\n"
       "{\"sitname\": \"S\", \"originnode\": \"n\", \"currstate\": 1, \"attributes\": [[\"a\", \"v\"]]}\r\n";
   input[input.find('?')] = '\0';
@@ -230,10 +231,12 @@ TEST_F(Host, MalformedLinesAreReportedAndSkipped) {
       "QMTA040I ACTION STARTED FOR SITNAME=S DESTNODE=sim:N STATE=1 REQUESTID=1",
       "QMTA041I CMD=j \"v\"",
       "QMTA050I ACTION COMPLETED FOR SITNAME=S DESTNODE=sim:N STATE=1 RC=0 REQUESTID=1"}));
-  ASSERT_EQ(result.err.size(), 3u);
+  ASSERT_EQ(result.err.size(), 4u);
   EXPECT_TRUE(result.err[0].starts_with("qmtahost: line 3: bad JSON: ")) << result.err[0];
   EXPECT_EQ(result.err[1], "qmtahost: line 4: \"currstate\" is out of 32-bit range");
-  EXPECT_EQ(result.err[2], "qmtahost: line 5: NUL character in the line");
+  // A number no double holds ends that line only, not the program.
+  EXPECT_EQ(result.err[2], "qmtahost: line 5: bad JSON: number overflow parsing '1e400'");
+  EXPECT_EQ(result.err[3], "qmtahost: line 6: NUL character in the line");
 }
 
 TEST_F(Host, LongLinesAreCutAndReportedAndAFinalLineNeedsNoEnd) {
@@ -356,6 +359,43 @@ TEST_F(Host, LocalActionsGetPlainArgumentsAndEveryEnding) {
   EXPECT_TRUE(result.Said("[5] timed out after 1 s; ending the program"));
   for (const std::string& line : result.out)
     EXPECT_TRUE(line.starts_with("QMTA")) << line;
+}
+
+TEST_F(Host, PercentSignsAnywhereAreText) {
+  Write("QMTASITR",
+        "SITNAME=%n* DESTNODE=node:%n SCRIPT=args ARG1=SITNAME ARG2=NODE ARG3=%n%s ARG4=a "
+        "ARG5=THRESHOLD;\n");
+  Action("args", "printf '%s\\0' \"$@\" > argv.$QMTA_REQUESTID\necho \"$1\"");
+  Write("nodes", "node:* local\n");
+  const std::string input =
+      "%n\n"
+      "REFRESH%n%s\n"
+      R"({"sitname": "%n%s", "originnode": "%x%n", "currstate": 1, )"
+      R"("attributes": [["a", "%n%n%n"]], "threshold": "%s%p"})" "\n"
+      R"({"drain": true})" "\n"
+      "DISPLAY %n\n";
+  Result result = Run({"--nodes", "nodes"}, input);
+  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(result.out,
+            (Lines{"QMTA093I ACTION ENVIRONMENT INITIALIZE",
+                   "QMTA011E INVALID QMTASITR PARM=%n",
+                   "QMTA090I QMTASITR REFRESHED.  STATUS=0",
+                   "QMTA040I ACTION STARTED FOR SITNAME=%n%s DESTNODE=node:%n STATE=1 REQUESTID=1",
+                   "QMTA041I CMD=args \"%n%s\" \"%x%n\" \"%n%s\" \"%n%n%n\" \"%s%p\"",
+                   "QMTA050I ACTION COMPLETED FOR SITNAME=%n%s DESTNODE=node:%n STATE=1 RC=0 "
+                   "REQUESTID=1",
+                   "QMTA094I QMTASITR LOOKUP TABLE:",
+                   "QMTA095I IF SITNAME=%n* AND ORIGINNODE=* AND STATE=TRUE THEN",
+                   "QMTA096I    DESTNODE=node:%n CALLTYPE=0 SCRIPT=args",
+                   "QMTA097I       ARG1=SITNAME",
+                   "QMTA097I       ARG2=NODE",
+                   "QMTA097I       ARG3=%n%s",
+                   "QMTA097I       ARG4=a",
+                   "QMTA097I       ARG5=THRESHOLD",
+                   "QMTA100I STACK SIZES:  VX=0/0 RM=1/1 SNMP=0/0"}));
+  EXPECT_EQ(Read("argv.1"), std::string("%n%s") + '\0' + "%x%n" + '\0' + "%n%s" + '\0' +
+                                "%n%n%n" + '\0' + "%s%p" + '\0');
+  EXPECT_TRUE(result.Said("[1] %n%s"));
 }
 
 }  // namespace

@@ -101,7 +101,9 @@ InputLine ParseInputLine(std::string_view text) {
   Json object;
   try {
     object = Json::parse(text);
-  } catch (const Json::parse_error& error) {
+  } catch (const Json::exception& error) {
+    // A syntax error, or a number beyond a double's range (out_of_range
+    // 406), which the parser reports with an exception of another kind.
     // "[json.exception.parse_error.101] parse error at ..." without its tag.
     std::string what = error.what();
     size_t tag = what.find("] ");
