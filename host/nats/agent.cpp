@@ -51,7 +51,7 @@ constexpr char kHelp[] =
     "  --tls-key FILE         key of the client certificate\n"
     "  --user NAME            user name, with --password-file\n"
     "  --password-file FILE   file holding the password\n"
-    "  --creds FILE           credentials file (JWT and NKey seed)\n"
+    "  --creds FILE           credentials file (JWT and NKey private key)\n"
     "  --reconnect-wait MS    pause between reconnection attempts (default: 1000)\n"
     "  -h, --help             print this help and exit\n";
 

@@ -17,7 +17,7 @@ struct Settings {
   std::string tlsKey;        // ... and its key, for servers that verify clients
   std::string user;          // user name, with the password read from passwordFile
   std::string passwordFile;
-  std::string creds;         // credentials file (JWT and NKey seed)
+  std::string creds;         // credentials file (JWT and NKey private key)
   int reconnectWaitMs = 1000;
   std::string name;          // connection name shown by the server
 };
