@@ -15,7 +15,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/localdriver.h"
+#include "host/drivers/local/local.h"
 #include "tests/support/support.h"
 
 namespace {

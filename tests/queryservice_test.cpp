@@ -18,7 +18,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 #include "platform/dbq1.h"
 #include "tests/support/support.h"
 

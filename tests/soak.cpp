@@ -48,7 +48,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 #include "qmtauto1/qmtafault.h"
 #include "qmtauto1/qmtauto1.h"
 #include "tests/support/support.h"

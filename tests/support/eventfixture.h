@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 #include "qmtauto1/qmtafault.h"
 #include "tests/support/support.h"
 

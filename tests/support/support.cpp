@@ -16,7 +16,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 
 namespace qmtatest {
 

@@ -15,10 +15,10 @@
 #include <string>
 #include <utility>
 
-#include "host/destinations.h"
-#include "host/handles.h"
-#include "host/hostsvc.h"
-#include "host/open.h"
+#include "host/services/destinations.h"
+#include "host/services/handles.h"
+#include "host/services/control.h"
+#include "host/services/open.h"
 
 namespace qmta::host::internal {
 namespace {

@@ -12,7 +12,7 @@
 #include <mutex>
 #include <string>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 #include "platform/envr.h"
 #include "platform/ldr1.h"
 #include "platform/svc1.h"

@@ -24,9 +24,9 @@
 #include <string>
 #include <vector>
 
-#include "host/localdriver.h"
-#include "host/nats/connect.h"
-#include "host/natswire.h"
+#include "host/drivers/local/local.h"
+#include "host/drivers/nats/connect.h"
+#include "host/drivers/nats/wire.h"
 #include "platform/dbq1.h"
 
 namespace {

@@ -1,4 +1,4 @@
-#include "host/nats/connect.h"
+#include "host/drivers/nats/connect.h"
 
 #include <openssl/crypto.h>
 

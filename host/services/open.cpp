@@ -1,4 +1,4 @@
-#include "host/open.h"
+#include "host/services/open.h"
 
 #include <deque>
 #include <utility>

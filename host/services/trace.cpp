@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 #include "platform/trc1.h"
 
 namespace {

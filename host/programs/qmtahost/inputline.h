@@ -1,7 +1,7 @@
 // The lines that qmtahost reads: events and drains written as JSON objects,
 // operator commands as plain text.
-#ifndef HOST_PROG_INPUTLINE_H_
-#define HOST_PROG_INPUTLINE_H_
+#ifndef HOST_PROGRAMS_QMTAHOST_INPUTLINE_H_
+#define HOST_PROGRAMS_QMTAHOST_INPUTLINE_H_
 
 #include <stdint.h>
 #include <time.h>
@@ -49,4 +49,4 @@ std::string Timestamp(const struct tm& local);
 
 }  // namespace qmta::hostprog
 
-#endif  // HOST_PROG_INPUTLINE_H_
+#endif  // HOST_PROGRAMS_QMTAHOST_INPUTLINE_H_

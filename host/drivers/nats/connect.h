@@ -1,7 +1,7 @@
 // How the nats driver and qmtaagent reach the NATS server: URL, TLS and
 // credentials, shared by both so that they accept the same settings.
-#ifndef HOST_NATS_CONNECT_H_
-#define HOST_NATS_CONNECT_H_
+#ifndef HOST_DRIVERS_NATS_CONNECT_H_
+#define HOST_DRIVERS_NATS_CONNECT_H_
 
 #include <nats/nats.h>
 
@@ -42,4 +42,4 @@ std::string StatusText(natsStatus status);
 
 }  // namespace qmta::host::natsconn
 
-#endif  // HOST_NATS_CONNECT_H_
+#endif  // HOST_DRIVERS_NATS_CONNECT_H_

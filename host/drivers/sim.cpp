@@ -11,7 +11,7 @@
 #include <thread>
 #include <utility>
 
-#include "host/destinations.h"
+#include "host/services/destinations.h"
 
 namespace qmta::host::internal {
 namespace {

@@ -8,8 +8,8 @@
 // next number, so a handle from an earlier life never matches again. A slot
 // whose check number would pass 32767 is retired instead of being reused,
 // and 0 is never a live check number.
-#ifndef HOST_HANDLES_H_
-#define HOST_HANDLES_H_
+#ifndef HOST_SERVICES_HANDLES_H_
+#define HOST_SERVICES_HANDLES_H_
 
 #include <stdint.h>
 
@@ -89,4 +89,4 @@ class HandleRegistry {
 
 }  // namespace qmta::host::internal
 
-#endif  // HOST_HANDLES_H_
+#endif  // HOST_SERVICES_HANDLES_H_

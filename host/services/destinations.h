@@ -1,13 +1,13 @@
 // The destination directory and the table of driver kinds (internal to the
 // host's query service).
-#ifndef HOST_DESTINATIONS_H_
-#define HOST_DESTINATIONS_H_
+#ifndef HOST_SERVICES_DESTINATIONS_H_
+#define HOST_SERVICES_DESTINATIONS_H_
 
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 
 namespace qmta::host::internal {
 
@@ -30,4 +30,4 @@ std::unique_ptr<Driver> MakeOfflineDriver(const std::vector<std::string>& option
 
 }  // namespace qmta::host::internal
 
-#endif  // HOST_DESTINATIONS_H_
+#endif  // HOST_SERVICES_DESTINATIONS_H_

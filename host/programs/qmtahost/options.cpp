@@ -1,4 +1,4 @@
-#include "host/prog/options.h"
+#include "host/programs/qmtahost/options.h"
 
 #include <getopt.h>
 

@@ -1,6 +1,6 @@
 // The "nats" destination driver: sends each action to the qmtaagent that
 // serves the destination node, through a NATS server, and completes the
-// open with the agent's reply (see host/natswire.h for the subjects and the
+// open with the agent's reply (see host/drivers/nats/wire.h for the subjects and the
 // messages).
 //
 //   PATTERN nats url=nats://HOST:PORT[,nats://HOST:PORT...] [tls-ca=FILE]
@@ -14,10 +14,10 @@
 // unknown); a reply the host cannot read completes with DBQ1_ACTION_FAILED.
 // An agent that never answers leaves the open to the module's own time-out.
 // A reply that comes after the module closed the request is dropped.
-#ifndef HOST_NATS_DRIVER_H_
-#define HOST_NATS_DRIVER_H_
+#ifndef HOST_DRIVERS_NATS_DRIVER_H_
+#define HOST_DRIVERS_NATS_DRIVER_H_
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 
 namespace qmta::host {
 
@@ -28,4 +28,4 @@ DriverFactory NatsDriverFactory();
 
 }  // namespace qmta::host
 
-#endif  // HOST_NATS_DRIVER_H_
+#endif  // HOST_DRIVERS_NATS_DRIVER_H_

@@ -5,8 +5,8 @@
 // open), by the driver (through Completion) and by the delivery queue. It
 // holds no reference to its request, so a driver that keeps its Completion
 // never keeps a request alive.
-#ifndef HOST_OPEN_H_
-#define HOST_OPEN_H_
+#ifndef HOST_SERVICES_OPEN_H_
+#define HOST_SERVICES_OPEN_H_
 
 #include <stdint.h>
 
@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 
 namespace qmta::host::internal {
 
@@ -76,4 +76,4 @@ void PostDelivery(std::shared_ptr<Open> open);
 
 }  // namespace qmta::host::internal
 
-#endif  // HOST_OPEN_H_
+#endif  // HOST_SERVICES_OPEN_H_

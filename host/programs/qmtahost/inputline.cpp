@@ -1,4 +1,4 @@
-#include "host/prog/inputline.h"
+#include "host/programs/qmtahost/inputline.h"
 
 #include <stdio.h>
 

@@ -15,15 +15,15 @@
 // error. The completion is one row holding the program's exit status:
 // 127 when the program is missing or refused, 126 when it cannot be run,
 // 128+N when signal N ended it.
-#ifndef HOST_LOCALDRIVER_H_
-#define HOST_LOCALDRIVER_H_
+#ifndef HOST_DRIVERS_LOCAL_LOCAL_H_
+#define HOST_DRIVERS_LOCAL_LOCAL_H_
 
 #include <chrono>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 
 namespace qmta::host {
 
@@ -64,4 +64,4 @@ bool WaitForLocalRunners(std::chrono::milliseconds limit);
 
 }  // namespace qmta::host
 
-#endif  // HOST_LOCALDRIVER_H_
+#endif  // HOST_DRIVERS_LOCAL_LOCAL_H_

@@ -1,6 +1,6 @@
 // The qmtahost command line.
-#ifndef HOST_PROG_OPTIONS_H_
-#define HOST_PROG_OPTIONS_H_
+#ifndef HOST_PROGRAMS_QMTAHOST_OPTIONS_H_
+#define HOST_PROGRAMS_QMTAHOST_OPTIONS_H_
 
 #include <stdint.h>
 
@@ -35,4 +35,4 @@ extern const char kUsage[];
 
 }  // namespace qmta::hostprog
 
-#endif  // HOST_PROG_OPTIONS_H_
+#endif  // HOST_PROGRAMS_QMTAHOST_OPTIONS_H_

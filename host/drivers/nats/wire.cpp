@@ -1,4 +1,4 @@
-#include "host/natswire.h"
+#include "host/drivers/nats/wire.h"
 
 #include <charconv>
 

@@ -15,8 +15,8 @@
 // Numbers are decimal; <id> is the request id (0 to 4294967295), codes,
 // call types and statuses are signed 32-bit. The strings are bytes, taken
 // as they are (no escaping, any byte but NUL allowed).
-#ifndef HOST_NATSWIRE_H_
-#define HOST_NATSWIRE_H_
+#ifndef HOST_DRIVERS_NATS_WIRE_H_
+#define HOST_DRIVERS_NATS_WIRE_H_
 
 #include <stdint.h>
 
@@ -60,4 +60,4 @@ bool DecodeReply(std::string_view data, Reply* reply, std::string* error);
 
 }  // namespace qmta::host::wire
 
-#endif  // HOST_NATSWIRE_H_
+#endif  // HOST_DRIVERS_NATS_WIRE_H_

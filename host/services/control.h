@@ -4,8 +4,8 @@
 // how the program that loads the module configures them: trace levels, the
 // server name, the clock shift, load modules, destination drivers, and the
 // faults that tests inject into the query service.
-#ifndef HOST_HOSTSVC_H_
-#define HOST_HOSTSVC_H_
+#ifndef HOST_SERVICES_CONTROL_H_
+#define HOST_SERVICES_CONTROL_H_
 
 #include <stdint.h>
 
@@ -139,4 +139,4 @@ int64_t LiveObjects();
 
 }  // namespace qmta::host
 
-#endif  // HOST_HOSTSVC_H_
+#endif  // HOST_SERVICES_CONTROL_H_

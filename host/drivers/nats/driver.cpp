@@ -7,7 +7,7 @@
 // completes the open. Every open waiting for its reply is in `pending`
 // under its token; whoever takes it out of the map (reply, no responders,
 // lost connection, close) is the only one to act on it.
-#include "host/nats/driver.h"
+#include "host/drivers/nats/driver.h"
 
 #include <stdio.h>
 
@@ -23,8 +23,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/nats/connect.h"
-#include "host/natswire.h"
+#include "host/drivers/nats/connect.h"
+#include "host/drivers/nats/wire.h"
 #include "platform/dbq1.h"
 
 namespace qmta::host {

@@ -1,4 +1,4 @@
-#include "host/handles.h"
+#include "host/services/handles.h"
 
 #include <functional>
 #include <new>

@@ -1,5 +1,5 @@
 // The destination directory: which driver serves which destination node.
-#include "host/destinations.h"
+#include "host/services/destinations.h"
 
 #include <map>
 #include <mutex>

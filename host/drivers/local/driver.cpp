@@ -1,4 +1,4 @@
-// The "local" destination driver (see localdriver.h).
+// The "local" destination driver (see local.h).
 //
 // Threads: Start never runs a program itself. It hands the action to a
 // runner thread of the destination, or queues it when the destination
@@ -8,7 +8,7 @@
 // program's exit and an eventfd through which a closed request asks it to
 // stop. The program's process is reaped only after its group has been
 // signalled for the last time, so a signal never reaches a reused pid.
-#include "host/localdriver.h"
+#include "host/drivers/local/local.h"
 
 #include <errno.h>
 #include <fcntl.h>

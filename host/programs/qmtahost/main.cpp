@@ -25,13 +25,13 @@
 #include <system_error>
 #include <vector>
 
-#include "host/hostsvc.h"
-#include "host/localdriver.h"
+#include "host/services/control.h"
+#include "host/drivers/local/local.h"
 #ifdef QMTA_HAVE_NATS
-#include "host/nats/driver.h"
+#include "host/drivers/nats/driver.h"
 #endif
-#include "host/prog/inputline.h"
-#include "host/prog/options.h"
+#include "host/programs/qmtahost/inputline.h"
+#include "host/programs/qmtahost/options.h"
 #include "qmtauto1/qmtautox.h"
 
 namespace {
