@@ -17,6 +17,7 @@
 
 #include "bench/support/benchsupport.h"
 #include "host/services/control.h"
+#include "host/services/testhooks.h"
 #include "host/drivers/local/local.h"
 
 namespace {

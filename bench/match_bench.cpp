@@ -16,6 +16,7 @@
 
 #include "bench/support/benchsupport.h"
 #include "host/services/control.h"
+#include "host/services/testhooks.h"
 #include "qmtauto1/qmtauto1.h"
 
 namespace {

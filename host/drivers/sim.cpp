@@ -1,5 +1,5 @@
-// The built-in drivers: "sim", which answers every action the way its
-// options say, and "offline", which reports every destination offline.
+// The "sim" driver, which answers every action the way its options say,
+// and "offline", which reports every destination offline (see sim.h).
 // Both complete from the one sim timer thread, after a delay or at once.
 #include <charconv>
 #include <chrono>
@@ -11,9 +11,10 @@
 #include <thread>
 #include <utility>
 
-#include "host/services/destinations.h"
+#include "host/drivers/sim.h"
+#include "platform/dbq1.h"
 
-namespace qmta::host::internal {
+namespace qmta::host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -99,7 +100,10 @@ class SimTimer {
     }
   }
 
-  std::mutex mutex_;  // guards everything below
+  // Guards everything below: taken by the action threads scheduling an
+  // open (Schedule), by whoever closes one (Cancel) and by the timer thread
+  // (Run), which lets go of it while it completes an open.
+  std::mutex mutex_;
   std::condition_variable ready_;
   bool started_ = false;
   uint64_t nextId_ = 1;
@@ -128,8 +132,6 @@ bool ParseNumber(std::string_view text, int32_t* value) {
   auto result = std::from_chars(text.data(), end, *value);
   return !text.empty() && result.ec == std::errc() && result.ptr == end;
 }
-
-}  // namespace
 
 std::unique_ptr<Driver> MakeSimDriver(const std::vector<std::string>& options,
                                       std::string* error) {
@@ -193,4 +195,11 @@ std::unique_ptr<Driver> MakeOfflineDriver(const std::vector<std::string>& option
   return std::make_unique<SimDriver>(std::move(outcome), std::chrono::milliseconds(0));
 }
 
-}  // namespace qmta::host::internal
+}  // namespace
+
+void RegisterStandardDrivers() {
+  RegisterDriver("sim", MakeSimDriver);
+  RegisterDriver("offline", MakeOfflineDriver);
+}
+
+}  // namespace qmta::host

@@ -1,4 +1,5 @@
 // The destination directory: which driver serves which destination node.
+#include "host/services/control.h"
 #include "host/services/destinations.h"
 
 #include <map>
@@ -18,15 +19,17 @@ struct Line {
 // current one and route without holding the lock.
 using Directory = std::vector<Line>;
 
-std::mutex directoryMutex;  // guards directory
+// Guards the pointer `directory` (not the lines, which never change once
+// published): taken by the program replacing the directory and by every
+// open on the module's action threads, for the copy of the pointer only.
+std::mutex directoryMutex;
 std::shared_ptr<const Directory> directory = std::make_shared<Directory>();
 
-std::mutex factoryMutex;  // guards factories
+// Guards the table of driver kinds: taken by programs registering a driver
+// and by SetDestinations looking one up; a factory runs outside it.
+std::mutex factoryMutex;
 std::map<std::string, DriverFactory>& Factories() {
-  static std::map<std::string, DriverFactory> factories{
-      {"sim", MakeSimDriver},
-      {"offline", MakeOfflineDriver},
-  };
+  static std::map<std::string, DriverFactory> factories;
   return factories;
 }
 

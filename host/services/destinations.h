@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "host/services/control.h"
+#include "host/drivers/driver.h"
 
 namespace qmta::host::internal {
 
@@ -21,12 +21,6 @@ void ClearDestinations();
 
 // True when `pattern` (at most one '*') matches the whole of `node`.
 bool PatternMatches(const std::string& pattern, const std::string& node);
-
-// The built-in driver kinds, "sim" and "offline" (simdriver.cpp).
-std::unique_ptr<Driver> MakeSimDriver(const std::vector<std::string>& options,
-                                      std::string* error);
-std::unique_ptr<Driver> MakeOfflineDriver(const std::vector<std::string>& options,
-                                          std::string* error);
 
 }  // namespace qmta::host::internal
 

@@ -17,7 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "host/services/control.h"
+#include "host/drivers/driver.h"
+#include "platform/dbq1.h"
 
 namespace qmta::host::internal {
 

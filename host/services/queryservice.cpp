@@ -15,10 +15,13 @@
 #include <string>
 #include <utility>
 
-#include "host/services/destinations.h"
-#include "host/services/handles.h"
+#include "host/drivers/driver.h"
 #include "host/services/control.h"
+#include "host/services/destinations.h"
+#include "host/services/export.h"
+#include "host/services/handles.h"
 #include "host/services/open.h"
+#include "host/services/testhooks.h"
 
 namespace qmta::host::internal {
 namespace {
@@ -146,7 +149,9 @@ class Request final : public Counted {
   DBQ1_Sqlda input_;
   DBQ1_Sqlda output_;
   Var vars_[5];
-  std::mutex mutex_;                // guards the members below
+  // Guards the members below: taken by the module's action thread opening,
+  // closing, fetching or dropping the request, never while a driver runs.
+  std::mutex mutex_;
   std::shared_ptr<Open> current_;   // the latest open, until closed
   std::shared_ptr<Driver> driver_;  // serves current_; lives while it does
   bool dropped_ = false;
@@ -171,7 +176,9 @@ struct Fault {
   int32_t count = 0;
 };
 constexpr int kOps = static_cast<int>(Op::kFetch) + 1;
-std::mutex faultMutex;  // guards faults
+// Guards faults: taken by tests arming or clearing them and, once any is
+// armed, by every DBQ1_* call on the module's threads.
+std::mutex faultMutex;
 Fault faults[kOps];
 std::atomic<bool> faultsArmed{false};
 
@@ -261,7 +268,8 @@ void Retire(const std::shared_ptr<Object>& object) {
   HandleRegistry::Instance().Release(request->cursor, {Kind::kCursor}, &cursor);
 }
 
-std::mutex ownPathMutex;  // guards ownPath
+// Guards ownPath: taken by the program's threads that ask for it (OwnPath).
+std::mutex ownPathMutex;
 DBQ1_Handle ownPath = {0, nullptr};
 
 }  // namespace
@@ -272,9 +280,9 @@ using qmta::host::Op;
 
 extern "C" {
 
-void* DBQ1_LocalInterface(void) { return &localInterface; }
+QMTA_HOSTSVC_API void* DBQ1_LocalInterface(void) { return &localInterface; }
 
-int32_t DBQ1_CreatePath(const char* serverName, void* interface, DBQ1_Handle* path) {
+QMTA_HOSTSVC_API int32_t DBQ1_CreatePath(const char* serverName, void* interface, DBQ1_Handle* path) {
   return Run(Op::kCreatePath, [&] {
     if (serverName == nullptr || path == nullptr || interface != &localInterface)
       return int32_t{DBQ1_BAD_ARGUMENT};
@@ -282,7 +290,7 @@ int32_t DBQ1_CreatePath(const char* serverName, void* interface, DBQ1_Handle* pa
   });
 }
 
-int32_t DBQ1_CreateAccessPlan(DBQ1_Handle path, const char* sql, DBQ1_Handle* plan) {
+QMTA_HOSTSVC_API int32_t DBQ1_CreateAccessPlan(DBQ1_Handle path, const char* sql, DBQ1_Handle* plan) {
   return Run(Op::kCreateAccessPlan, [&] {
     std::shared_ptr<Path> owner;
     int32_t status = FindAs(path, Kind::kPath, &owner);
@@ -300,7 +308,7 @@ int32_t DBQ1_CreateAccessPlan(DBQ1_Handle path, const char* sql, DBQ1_Handle* pl
   });
 }
 
-int32_t DBQ1_CreateRequest(DBQ1_Handle path, DBQ1_Handle plan,
+QMTA_HOSTSVC_API int32_t DBQ1_CreateRequest(DBQ1_Handle path, DBQ1_Handle plan,
                            const DBQ1_AsyncNotify* notify, DBQ1_Handle* request,
                            DBQ1_Handle* cursor) {
   return Run(Op::kCreateRequest, [&] {
@@ -328,7 +336,7 @@ int32_t DBQ1_CreateRequest(DBQ1_Handle path, DBQ1_Handle plan,
   });
 }
 
-int32_t DBQ1_GetInputSQLDA(DBQ1_Handle request, DBQ1_Sqlda** input) {
+QMTA_HOSTSVC_API int32_t DBQ1_GetInputSQLDA(DBQ1_Handle request, DBQ1_Sqlda** input) {
   return Run(Op::kGetInputSQLDA, [&] {
     std::shared_ptr<Request> found;
     int32_t status = FindAs(request, Kind::kRequest, &found);
@@ -339,7 +347,7 @@ int32_t DBQ1_GetInputSQLDA(DBQ1_Handle request, DBQ1_Sqlda** input) {
   });
 }
 
-int32_t DBQ1_DropHandle(DBQ1_Handle handle) {
+QMTA_HOSTSVC_API int32_t DBQ1_DropHandle(DBQ1_Handle handle) {
   return Run(Op::kDropHandle, [&] {
     // A cursor goes with its request and is not dropped on its own. Of two
     // drops of one handle racing, the second finds it stale.
@@ -352,7 +360,7 @@ int32_t DBQ1_DropHandle(DBQ1_Handle handle) {
   });
 }
 
-int32_t DBQ1_OpenRequest(DBQ1_Handle request, DBQ1_Sqlda* input) {
+QMTA_HOSTSVC_API int32_t DBQ1_OpenRequest(DBQ1_Handle request, DBQ1_Sqlda* input) {
   return Run(Op::kOpenRequest, [&] {
     std::shared_ptr<Request> found;
     int32_t status = FindAs(request, Kind::kRequest, &found);
@@ -379,7 +387,7 @@ int32_t DBQ1_OpenRequest(DBQ1_Handle request, DBQ1_Sqlda* input) {
   });
 }
 
-int32_t DBQ1_CloseRequest(DBQ1_Handle request) {
+QMTA_HOSTSVC_API int32_t DBQ1_CloseRequest(DBQ1_Handle request) {
   return Run(Op::kCloseRequest, [&] {
     std::shared_ptr<Request> found;
     int32_t status = FindAs(request, Kind::kRequest, &found);
@@ -389,7 +397,7 @@ int32_t DBQ1_CloseRequest(DBQ1_Handle request) {
   });
 }
 
-int32_t DBQ1_GetOutputSQLDA(DBQ1_Handle cursor, DBQ1_Sqlda** output) {
+QMTA_HOSTSVC_API int32_t DBQ1_GetOutputSQLDA(DBQ1_Handle cursor, DBQ1_Sqlda** output) {
   return Run(Op::kGetOutputSQLDA, [&] {
     std::shared_ptr<Cursor> found;
     int32_t status = FindAs(cursor, Kind::kCursor, &found);
@@ -402,7 +410,7 @@ int32_t DBQ1_GetOutputSQLDA(DBQ1_Handle cursor, DBQ1_Sqlda** output) {
   });
 }
 
-int32_t DBQ1_Fetch(DBQ1_Handle cursor, DBQ1_Sqlda* output) {
+QMTA_HOSTSVC_API int32_t DBQ1_Fetch(DBQ1_Handle cursor, DBQ1_Sqlda* output) {
   return Run(Op::kFetch, [&] {
     std::shared_ptr<Cursor> found;
     int32_t status = FindAs(cursor, Kind::kCursor, &found);

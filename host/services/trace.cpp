@@ -12,11 +12,15 @@
 #include <vector>
 
 #include "host/services/control.h"
+#include "host/services/export.h"
 #include "platform/trc1.h"
 
 namespace {
 
-std::mutex unitMutex;  // guards unitLevels and writes to TRC1_levels
+// Guards unitLevels and the writes to TRC1_levels.unitLevels: taken by the
+// program setting a unit's level and by TRC1_UnitLevel on the module's
+// threads once any unit has a level of its own.
+std::mutex unitMutex;
 std::vector<std::pair<std::string, int32_t>> unitLevels;
 std::atomic<FILE*> traceStream{nullptr};
 
@@ -70,9 +74,9 @@ extern "C" {
 // Starts a cache line: every function of the module reads it, so no counter
 // that other threads keep writing may share its line (what follows it here
 // changes only when levels are set).
-alignas(64) TRC1_Levels TRC1_levels = {0, 0};
+QMTA_HOSTSVC_API alignas(64) TRC1_Levels TRC1_levels = {0, 0};
 
-int32_t TRC1_UnitLevel(const char* unit) {
+QMTA_HOSTSVC_API int32_t TRC1_UnitLevel(const char* unit) {
   // The trace services promise not to throw: a mutex that cannot be taken
   // leaves the unit at the common level.
   try {
@@ -84,8 +88,8 @@ int32_t TRC1_UnitLevel(const char* unit) {
   return defaultLevel().load(std::memory_order_relaxed);
 }
 
-void TRC1_Event(const char* unit, const char* function, int32_t kind,
-                int64_t result) {
+QMTA_HOSTSVC_API void TRC1_Event(const char* unit, const char* function, int32_t kind,
+                                  int64_t result) {
   FILE* out = stream();
   flockfile(out);
   prefix(out, unit);
@@ -104,7 +108,7 @@ void TRC1_Event(const char* unit, const char* function, int32_t kind,
   funlockfile(out);
 }
 
-void TRC1_Printf(const char* unit, int32_t line, const char* format, ...) {
+QMTA_HOSTSVC_API void TRC1_Printf(const char* unit, int32_t line, const char* format, ...) {
   FILE* out = stream();
   va_list values;
   va_start(values, format);

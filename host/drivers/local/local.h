@@ -23,7 +23,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/services/control.h"
+#include "host/drivers/driver.h"
 
 namespace qmta::host {
 

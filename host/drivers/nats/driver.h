@@ -17,7 +17,7 @@
 #ifndef HOST_DRIVERS_NATS_DRIVER_H_
 #define HOST_DRIVERS_NATS_DRIVER_H_
 
-#include "host/services/control.h"
+#include "host/drivers/driver.h"
 
 namespace qmta::host {
 

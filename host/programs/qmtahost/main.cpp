@@ -25,13 +25,13 @@
 #include <system_error>
 #include <vector>
 
-#include "host/services/control.h"
+#include "host/drivers/driver.h"
 #include "host/drivers/local/local.h"
-#ifdef QMTA_HAVE_NATS
 #include "host/drivers/nats/driver.h"
-#endif
+#include "host/drivers/sim.h"
 #include "host/programs/qmtahost/inputline.h"
 #include "host/programs/qmtahost/options.h"
+#include "host/services/control.h"
 #include "qmtauto1/qmtautox.h"
 
 namespace {
@@ -225,10 +225,9 @@ int Run(const qmta::hostprog::Options& options) {
   }
   const std::string actions = options.actions.empty() ? (fs::path(dir) / "actions").string()
                                                       : absolute(options.actions);
+  qmta::host::RegisterStandardDrivers();
   qmta::host::RegisterDriver("local", qmta::host::LocalDriverFactory(actions));
-#ifdef QMTA_HAVE_NATS
   qmta::host::RegisterDriver("nats", qmta::host::NatsDriverFactory());
-#endif
 
   std::string nodes = "* local\n";
   if (!options.nodes.empty() && !ReadFile(absolute(options.nodes), &nodes)) {
