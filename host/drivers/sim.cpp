@@ -1,7 +1,6 @@
 // The "sim" driver, which answers every action the way its options say,
 // and "offline", which reports every destination offline (see sim.h).
 // Both complete from the one sim timer thread, after a delay or at once.
-#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <map>
@@ -11,6 +10,7 @@
 #include <thread>
 #include <utility>
 
+#include "host/common/number.h"
 #include "host/drivers/sim.h"
 #include "platform/dbq1.h"
 
@@ -126,13 +126,6 @@ class SimDriver final : public Driver {
   const std::chrono::milliseconds delay_;
 };
 
-// A whole word as a 32-bit integer.
-bool ParseNumber(std::string_view text, int32_t* value) {
-  const char* end = text.data() + text.size();
-  auto result = std::from_chars(text.data(), end, *value);
-  return !text.empty() && result.ec == std::errc() && result.ptr == end;
-}
-
 std::unique_ptr<Driver> MakeSimDriver(const std::vector<std::string>& options,
                                       std::string* error) {
   Outcome outcome;
@@ -150,7 +143,7 @@ std::unique_ptr<Driver> MakeSimDriver(const std::vector<std::string>& options,
     std::string_view value = equals == std::string_view::npos ? "" : word.substr(equals + 1);
     bool hasValue = equals != std::string_view::npos;
     if (key == "delay" && hasValue) {
-      if (haveDelay || !ParseNumber(value, &delay) || delay < 0)
+      if (haveDelay || !ParseNumber(value, &delay, 0))
         return fail("bad delay \"" + option + "\"");
       haveDelay = true;
       continue;

@@ -5,70 +5,27 @@
 
 namespace qmta::host::internal {
 
-void Open::Rows(std::vector<int32_t> returnCodes) {
-  Complete(DBQ1_OK, std::move(returnCodes));
-}
-
-void Open::Fail(int32_t status) {
-  // A failure without a status would read as success with no rows.
-  Complete(status == DBQ1_OK ? DBQ1_ACTION_FAILED : status, {});
-}
-
-void Open::Complete(int32_t status, std::vector<int32_t> rows) {
-  std::function<void()> stop;  // destroyed outside the lock
-  {
-    std::lock_guard<std::mutex> hold(mutex_);
-    if (state_ != State::kRunning) return;  // first outcome wins
-    state_ = State::kCompleted;
-    status_ = status;
-    if (status == DBQ1_OK) rows_ = std::move(rows);
-    routine_ = Routine::kQueued;
-    stop = std::move(stop_);
-  }
-  PostDelivery(shared_from_this());
-}
-
-void Open::OnClose(std::function<void()> stop) {
-  {
-    std::lock_guard<std::mutex> hold(mutex_);
-    if (state_ == State::kRunning) {
-      stop_ = std::move(stop);
-      return;
-    }
-    if (state_ == State::kCompleted) return;  // nothing left to stop
-  }
-  if (stop) stop();  // closed already
-}
-
-bool Open::Closed() const {
-  std::lock_guard<std::mutex> hold(mutex_);
-  return state_ == State::kClosed;
-}
+void Open::Answered() { PostDelivery(shared_from_this()); }
 
 bool Open::Busy() const {
   std::lock_guard<std::mutex> hold(mutex_);
-  if (state_ == State::kClosed) return false;
-  return state_ == State::kRunning || routine_ == Routine::kQueued;
+  // Waiting for the driver, or answered and queued for delivery.
+  return state_ != State::kClosed && routine_ == Routine::kNotYet;
 }
 
 void Open::Close() {
-  std::function<void()> stop;
-  {
-    std::unique_lock<std::mutex> hold(mutex_);
-    if (state_ == State::kRunning) stop = std::move(stop_);
-    state_ = State::kClosed;
-    rows_.clear();
-    rows_.shrink_to_fit();
-    // A routine that closes its own request must not wait for itself.
-    if (deliverer_ != std::this_thread::get_id())
-      returned_.wait(hold, [this] { return routine_ != Routine::kRunning; });
-  }
-  if (stop) stop();
+  FirstAnswer::Close();  // from here on Deliver calls no routine
+  std::unique_lock<std::mutex> hold(mutex_);
+  rows_.clear();
+  rows_.shrink_to_fit();
+  // A routine that closes its own request must not wait for itself.
+  if (deliverer_ != std::this_thread::get_id())
+    returned_.wait(hold, [this] { return routine_ != Routine::kRunning; });
 }
 
 int32_t Open::Fetch(int32_t* returnCode) {
   std::lock_guard<std::mutex> hold(mutex_);
-  if (state_ != State::kCompleted || status_ != DBQ1_OK) return DBQ1_CURSOR_NOT_OPEN;
+  if (state_ != State::kAnswered || status_ != DBQ1_OK) return DBQ1_CURSOR_NOT_OPEN;
   if (nextRow_ >= rows_.size()) return DBQ1_NO_MORE_ROWS;
   *returnCode = rows_[nextRow_++];
   return DBQ1_OK;
@@ -78,7 +35,7 @@ void Open::Deliver() {
   int32_t status;
   {
     std::lock_guard<std::mutex> hold(mutex_);
-    if (state_ != State::kCompleted || routine_ != Routine::kQueued) return;
+    if (state_ != State::kAnswered || routine_ != Routine::kNotYet) return;
     routine_ = Routine::kRunning;
     deliverer_ = std::this_thread::get_id();
     status = status_;
@@ -128,7 +85,11 @@ class DeliveryQueue {
     }
   }
 
-  std::mutex mutex_;  // guards queue_ and threads_
+  // Guards queue_ and threads_: taken by the threads that answer opens
+  // (Post: drivers' threads, or an action thread for an offline
+  // destination), by the delivery threads taking the next open, and by
+  // the first CreateRequest starting them.
+  std::mutex mutex_;
   std::condition_variable ready_;
   std::deque<std::shared_ptr<Open>> queue_;
   int threads_ = 0;

@@ -4,7 +4,8 @@
 // An Open is shared by the request (while it is the request's current
 // open), by the driver (through Completion) and by the delivery queue. It
 // holds no reference to its request, so a driver that keeps its Completion
-// never keeps a request alive.
+// never keeps a request alive. The driver answers on a thread of its own;
+// the completion routine runs on one of the delivery threads.
 #ifndef HOST_SERVICES_OPEN_H_
 #define HOST_SERVICES_OPEN_H_
 
@@ -17,20 +18,14 @@
 #include <thread>
 #include <vector>
 
-#include "host/drivers/driver.h"
+#include "host/common/firstanswer.h"
 #include "platform/dbq1.h"
 
 namespace qmta::host::internal {
 
-class Open final : public Completion, public std::enable_shared_from_this<Open> {
+class Open final : public FirstAnswer, public std::enable_shared_from_this<Open> {
  public:
   explicit Open(const DBQ1_AsyncNotify& notify) : notify_(notify) {}
-
-  // Completion, called by drivers from any thread.
-  void Rows(std::vector<int32_t> returnCodes) override;
-  void Fail(int32_t status) override;
-  void OnClose(std::function<void()> stop) override;
-  bool Closed() const override;
 
   // True from the start until the completion routine has been called (or
   // the open was closed): a new open of the request is refused until then.
@@ -51,21 +46,17 @@ class Open final : public Completion, public std::enable_shared_from_this<Open> 
   void Deliver();
 
  private:
-  enum class State { kRunning, kCompleted, kClosed };
-  enum class Routine { kNotYet, kQueued, kRunning, kReturned };
+  enum class Routine { kNotYet, kRunning, kReturned };
 
-  void Complete(int32_t status, std::vector<int32_t> rows);
+  // The driver's answer is in: the routine goes to the delivery queue.
+  void Answered() override;
 
   const DBQ1_AsyncNotify notify_;
-  mutable std::mutex mutex_;         // guards the members below
-  std::condition_variable returned_; // the routine has returned
-  State state_ = State::kRunning;
+  // Guarded by FirstAnswer's mutex_, like the answer itself.
+  std::condition_variable returned_;  // the routine has returned
   Routine routine_ = Routine::kNotYet;
-  std::thread::id deliverer_;        // thread running the routine
-  int32_t status_ = 0;
-  std::vector<int32_t> rows_;
+  std::thread::id deliverer_;         // thread running the routine
   size_t nextRow_ = 0;
-  std::function<void()> stop_;       // driver's stop, while running
 };
 
 // Runs completion routines on the service's own threads, in the order the

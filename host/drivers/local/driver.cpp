@@ -10,6 +10,10 @@
 // signalled for the last time, so a signal never reaches a reused pid.
 #include "host/drivers/local/local.h"
 
+#include "host/common/files.h"
+#include "host/common/number.h"
+#include "host/common/say.h"
+
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -24,7 +28,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -64,26 +67,10 @@ void RunnerEnded() {
   if (runners().live.fetch_sub(1) == 1) runners().idle.notify_all();
 }
 
-std::string ErrorText(int error) { return std::generic_category().message(error); }
-
-// One line on the host's standard error, prefixed with the request id.
-// Control characters (other than tab) are shown as '?', so that a program
-// cannot drive the operator's terminal.
+// One line on the host's standard error for the action `requestId`,
+// "[requestid] text".
 void Say(uint32_t requestId, std::string_view text) {
-  std::string line;
-  line.reserve(text.size() + 16);
-  line += '[';
-  line += std::to_string(requestId);
-  line += "] ";
-  for (char c : text) {
-    auto byte = static_cast<unsigned char>(c);
-    line += (byte < 0x20 && c != '\t') || byte == 0x7f ? '?' : c;
-  }
-  line += '\n';
-  flockfile(stderr);
-  fwrite(line.data(), 1, line.size(), stderr);
-  fflush(stderr);
-  funlockfile(stderr);
+  host::Say("[" + std::to_string(requestId) + "] ", text);
 }
 
 // Cuts one output stream of a program into lines for Say, within the
@@ -497,14 +484,6 @@ class LocalDriver final : public Driver {
   std::shared_ptr<Shared> shared_;
 };
 
-// A whole word as a number within [low, high].
-bool ParseBounded(std::string_view text, int64_t low, int64_t high, int64_t* value) {
-  const char* end = text.data() + text.size();
-  auto result = std::from_chars(text.data(), end, *value);
-  return !text.empty() && result.ec == std::errc() && result.ptr == end && *value >= low &&
-         *value <= high;
-}
-
 }  // namespace
 
 bool SplitCommand(std::string_view command, std::vector<std::string>* words,
@@ -550,14 +529,14 @@ bool ParseLocalOptions(const std::vector<std::string>& options, LocalSettings* s
         equals == std::string::npos ? std::string_view() : std::string_view(option).substr(equals + 1);
     int64_t number;
     if (key == "timeout" && equals != std::string::npos && !haveTimeout) {
-      if (!ParseBounded(value, 1, 86400, &number)) {
+      if (!ParseNumber(value, &number, 1, 86400)) {
         *error = "local: bad timeout \"" + option + "\" (whole seconds, 1 to 86400)";
         return false;
       }
       settings->timeout = std::chrono::seconds(number);
       haveTimeout = true;
     } else if (key == "max" && equals != std::string::npos && !haveMax) {
-      if (!ParseBounded(value, 1, 4096, &number)) {
+      if (!ParseNumber(value, &number, 1, 4096)) {
         *error = "local: bad max \"" + option + "\" (1 to 4096)";
         return false;
       }

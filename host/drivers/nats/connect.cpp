@@ -2,8 +2,9 @@
 
 #include <openssl/crypto.h>
 
-#include <charconv>
-#include <fstream>
+#include "host/common/files.h"
+#include "host/common/number.h"
+
 #include <sstream>
 #include <vector>
 
@@ -11,14 +12,10 @@ namespace qmta::host::natsconn {
 namespace {
 
 bool ReadSecret(const std::string& path, std::string* text, std::string* error) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream content;
-  if (in) content << in.rdbuf();
-  if (!in || in.bad()) {
+  if (!ReadFile(path, text)) {
     *error = "cannot read " + path;
     return false;
   }
-  *text = content.str();
   while (!text->empty() && (text->back() == '\n' || text->back() == '\r')) text->pop_back();
   if (text->empty()) {
     *error = path + " is empty";
@@ -52,9 +49,7 @@ bool Set(std::string_view key, std::string_view value, Settings* settings, std::
   }
   if (key == "reconnect-wait") {
     int ms = 0;
-    auto result = std::from_chars(value.data(), value.data() + value.size(), ms);
-    if (value.empty() || result.ec != std::errc() || result.ptr != value.data() + value.size() ||
-        ms < 10 || ms > 60000) {
+    if (!ParseNumber(value, &ms, 10, 60000)) {
       *error = "bad reconnect-wait \"" + std::string(value) + "\" (10 to 60000 ms)";
       return false;
     }

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
-#include <charconv>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -23,6 +22,8 @@
 #include <thread>
 #include <vector>
 
+#include "host/common/number.h"
+#include "host/common/say.h"
 #include "host/drivers/nats/connect.h"
 #include "host/drivers/nats/wire.h"
 #include "platform/dbq1.h"
@@ -34,13 +35,7 @@ namespace {
 // connection, which is no loss worth reporting.
 std::atomic<bool> exiting{false};
 
-void Say(const std::string& text) {
-  std::string line = "qmtahost: nats: " + text + "\n";
-  flockfile(stderr);
-  fwrite(line.data(), 1, line.size(), stderr);
-  fflush(stderr);
-  funlockfile(stderr);
-}
+void Say(const std::string& text) { qmta::host::Say("qmtahost: nats: ", text); }
 
 struct State {
   natsconn::Settings settings;
@@ -99,10 +94,8 @@ struct State {
 void OnReply(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
   auto* state = static_cast<State*>(closure);
   std::string_view subject = natsMsg_GetSubject(message);
-  uint64_t token = 0;
-  std::string_view tail = subject.substr(std::min(subject.size(), state->inbox.size() + 1));
-  auto parsed = std::from_chars(tail.data(), tail.data() + tail.size(), token);
-  if (parsed.ec != std::errc() || parsed.ptr != tail.data() + tail.size()) token = 0;
+  uint64_t token = 0;  // none of ours: tokens start at 1
+  ParseNumber(subject.substr(std::min(subject.size(), state->inbox.size() + 1)), &token);
   std::shared_ptr<Completion> done = state->Take(token);
   if (!done) {  // closed already, or not ours: dropped
     natsMsg_Destroy(message);

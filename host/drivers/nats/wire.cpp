@@ -1,6 +1,6 @@
 #include "host/drivers/nats/wire.h"
 
-#include <charconv>
+#include "host/common/number.h"
 
 namespace qmta::host::wire {
 namespace {
@@ -30,14 +30,6 @@ bool Fields(std::string_view line, std::vector<std::string_view>* fields) {
     if (blank == std::string_view::npos) return true;
     start = blank + 1;
   }
-}
-
-template <typename T>
-bool Number(std::string_view text, T* value) {
-  if (text.empty() || text.front() == '+') return false;
-  const char* end = text.data() + text.size();
-  auto result = std::from_chars(text.data(), end, *value);
-  return result.ec == std::errc() && result.ptr == end;
 }
 
 }  // namespace
@@ -112,8 +104,8 @@ bool DecodeRequest(std::string_view data, Request* request, std::string* error) 
   size_t nodeSize = 0, commandSize = 0;
   if (end == std::string_view::npos || !Fields(data.substr(0, end), &fields) ||
       fields.size() != 6 || fields[0] != "QMTA1" || fields[1] != "REQ" ||
-      !Number(fields[2], &request->id) || !Number(fields[3], &request->callType) ||
-      !Number(fields[4], &nodeSize) || !Number(fields[5], &commandSize)) {
+      !ParseNumber(fields[2], &request->id) || !ParseNumber(fields[3], &request->callType) ||
+      !ParseNumber(fields[4], &nodeSize) || !ParseNumber(fields[5], &commandSize)) {
     *error = "not a request";
     return false;
   }
@@ -139,13 +131,13 @@ bool DecodeReply(std::string_view data, Reply* reply, std::string* error) {
   std::vector<std::string_view> fields;
   *reply = Reply();
   if (!Fields(data, &fields) || fields.size() < 3 || fields[0] != "QMTA1" ||
-      !Number(fields[2], &reply->id)) {
+      !ParseNumber(fields[2], &reply->id)) {
     *error = "not a reply";
     return false;
   }
   if (fields[1] == "STATUS") {
     reply->failed = true;
-    if (fields.size() == 4 && Number(fields[3], &reply->status)) return true;
+    if (fields.size() == 4 && ParseNumber(fields[3], &reply->status)) return true;
     *error = "bad status reply";
     return false;
   }
@@ -155,7 +147,7 @@ bool DecodeReply(std::string_view data, Reply* reply, std::string* error) {
   }
   for (size_t i = 3; i < fields.size(); ++i) {
     int32_t code;
-    if (!Number(fields[i], &code)) {
+    if (!ParseNumber(fields[i], &code)) {
       *error = "bad return code";
       return false;
     }

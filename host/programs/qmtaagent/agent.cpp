@@ -24,6 +24,8 @@
 #include <string>
 #include <vector>
 
+#include "host/common/firstanswer.h"
+#include "host/common/say.h"
 #include "host/drivers/local/local.h"
 #include "host/drivers/nats/connect.h"
 #include "host/drivers/nats/wire.h"
@@ -55,73 +57,39 @@ constexpr char kHelp[] =
     "  --reconnect-wait MS    pause between reconnection attempts (default: 1000)\n"
     "  -h, --help             print this help and exit\n";
 
-void Say(const std::string& text) {
-  std::string line = "qmtaagent: " + text + "\n";
-  flockfile(stderr);
-  fwrite(line.data(), 1, line.size(), stderr);
-  fflush(stderr);
-  funlockfile(stderr);
-}
+void Say(const std::string& text) { qmta::host::Say("qmtaagent: ", text); }
 
 class Agent;
 
 // One request being run: the local driver's view of it. The first answer
-// wins; an answer is published on the request's reply subject.
-class Request final : public qmta::host::Completion,
+// wins; it is published on the request's reply subject, on the thread that
+// gave it (a runner thread of the local driver, or the client library's
+// thread for a refusal). Owned by the agent's set of open requests and by
+// the local driver while it runs the program.
+class Request final : public qmta::host::FirstAnswer,
                       public std::enable_shared_from_this<Request> {
  public:
   Request(Agent* agent, std::string reply, uint32_t id)
       : agent_(agent), reply_(std::move(reply)), id_(id) {}
-  void Rows(std::vector<int32_t> codes) override {
-    wire::Reply answer;
-    answer.id = id_;
-    answer.codes = std::move(codes);
-    Answer(answer);
-  }
-  void Fail(int32_t status) override {
-    wire::Reply answer;
-    answer.id = id_;
-    answer.failed = true;
-    answer.status = status;
-    Answer(answer);
-  }
-  void OnClose(std::function<void()> stop) override {
-    std::unique_lock<std::mutex> hold(mutex_);
-    if (!closed_) {
-      stop_ = std::move(stop);
-      return;
-    }
-    hold.unlock();
-    stop();
-  }
-  bool Closed() const override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return closed_;
-  }
   // The agent stops: answer offline now and end the program.
   void Shutdown() {
-    std::function<void()> stop;
-    {
-      std::lock_guard<std::mutex> hold(mutex_);
-      if (closed_) return;
-      closed_ = true;
-      stop = std::move(stop_);
-    }
+    if (Close() != State::kWaiting) return;
     wire::Reply answer;
     answer.id = id_;
     answer.failed = true;
     answer.status = DBQ1_DEST_OFFLINE;
     Send(answer);
-    if (stop) stop();
   }
 
  private:
-  void Answer(const wire::Reply& answer) {
+  void Answered() override {
+    wire::Reply answer;
+    answer.id = id_;
     {
       std::lock_guard<std::mutex> hold(mutex_);
-      if (closed_) return;
-      closed_ = true;
-      stop_ = nullptr;
+      answer.failed = status_ != DBQ1_OK;
+      answer.status = status_;
+      answer.codes = rows_;
     }
     Send(answer);
   }
@@ -130,9 +98,6 @@ class Request final : public qmta::host::Completion,
   Agent* const agent_;
   const std::string reply_;
   const uint32_t id_;
-  mutable std::mutex mutex_;
-  bool closed_ = false;
-  std::function<void()> stop_;
 };
 
 struct Served {

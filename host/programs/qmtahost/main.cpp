@@ -25,6 +25,8 @@
 #include <system_error>
 #include <vector>
 
+#include "host/common/files.h"
+#include "host/common/say.h"
 #include "host/drivers/driver.h"
 #include "host/drivers/local/local.h"
 #include "host/drivers/nats/driver.h"
@@ -50,7 +52,9 @@ struct Entries {
   QMTASITR_Entry command = nullptr;
 };
 
-std::string ErrorText(int error) { return std::generic_category().message(error); }
+using qmta::host::ErrorText;
+
+void Say(const std::string& text) { qmta::host::Say("qmtahost: ", text); }
 
 // Descriptors 0, 1 and 2 are open, so that nothing the host opens later
 // takes their place (and is handed to action programs as one of them).
@@ -71,15 +75,6 @@ std::string DefaultModule() {
   fs::path self = fs::read_symlink("/proc/self/exe", error);
   if (error) return "libqmtautox.so";
   return (self.parent_path() / ".." / "lib" / "libqmtautox.so").lexically_normal().string();
-}
-
-bool ReadFile(const std::string& path, std::string* text) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) return false;
-  std::ostringstream content;
-  content << in.rdbuf();
-  *text = content.str();
-  return !in.bad();
 }
 
 // Reads the input a block at a time and hands it out line by line: one
@@ -203,8 +198,8 @@ void Initialise(QMTAINIT_Entry init) {
       reference);
   if (failed) {
     delete reference;
-    fprintf(stderr, "qmtahost: cannot start the start-up thread: %s; the first event "
-            "initialises the module\n", ErrorText(failed).c_str());
+    Say("cannot start the start-up thread: " + ErrorText(failed) +
+        "; the first event initialises the module");
     return;
   }
   std::unique_lock<std::mutex> hold(start->mutex);
@@ -220,7 +215,7 @@ int Run(const qmta::hostprog::Options& options) {
 
   const std::string dir = absolute(options.dir);
   if (!fs::is_directory(dir, error)) {
-    fprintf(stderr, "qmtahost: --dir %s: not a directory\n", options.dir.c_str());
+    Say("--dir " + options.dir + ": not a directory");
     return kUsageError;
   }
   const std::string actions = options.actions.empty() ? (fs::path(dir) / "actions").string()
@@ -230,15 +225,13 @@ int Run(const qmta::hostprog::Options& options) {
   qmta::host::RegisterDriver("nats", qmta::host::NatsDriverFactory());
 
   std::string nodes = "* local\n";
-  if (!options.nodes.empty() && !ReadFile(absolute(options.nodes), &nodes)) {
-    fprintf(stderr, "qmtahost: cannot read %s: %s\n", options.nodes.c_str(),
-            ErrorText(errno).c_str());
+  if (!options.nodes.empty() && !qmta::host::ReadFile(absolute(options.nodes), &nodes)) {
+    Say("cannot read " + options.nodes + ": " + ErrorText(errno));
     return kUsageError;
   }
   std::string reason;
   if (!qmta::host::SetDestinations(nodes, &reason)) {
-    fprintf(stderr, "qmtahost: %s: %s\n",
-            options.nodes.empty() ? "destinations" : options.nodes.c_str(), reason.c_str());
+    Say((options.nodes.empty() ? "destinations" : options.nodes) + ": " + reason);
     return kUsageError;
   }
 
@@ -246,14 +239,12 @@ int Run(const qmta::hostprog::Options& options) {
   if (options.input != "-") {
     in = fopen(absolute(options.input).c_str(), "re");
     if (!in) {
-      fprintf(stderr, "qmtahost: cannot open %s: %s\n", options.input.c_str(),
-              ErrorText(errno).c_str());
+      Say("cannot open " + options.input + ": " + ErrorText(errno));
       return kUsageError;
     }
   }
   if (chdir(dir.c_str()) != 0) {
-    fprintf(stderr, "qmtahost: cannot change into %s: %s\n", dir.c_str(),
-            ErrorText(errno).c_str());
+    Say("cannot change into " + dir + ": " + ErrorText(errno));
     return kUsageError;
   }
 
@@ -265,7 +256,7 @@ int Run(const qmta::hostprog::Options& options) {
   const std::string module = options.module.empty() ? DefaultModule() : absolute(options.module);
   void* handle = dlopen(module.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!handle) {
-    fprintf(stderr, "qmtahost: cannot load %s: %s\n", module.c_str(), dlerror());
+    Say("cannot load " + module + ": " + dlerror());
     return kModuleError;
   }
   Entries entries;
@@ -276,7 +267,7 @@ int Run(const qmta::hostprog::Options& options) {
                                     std::pair{"QMTAINIT", entries.init != nullptr},
                                     std::pair{"QMTASITR", entries.command != nullptr}}) {
     if (!found) {
-      fprintf(stderr, "qmtahost: %s has no entry %s\n", module.c_str(), name);
+      Say(module + " has no entry " + name);
       return kModuleError;
     }
   }
@@ -297,18 +288,18 @@ int Run(const qmta::hostprog::Options& options) {
       case InputLine::Kind::kDrain: Drain(); break;
       case InputLine::Kind::kCommand: SendCommand(entries, line.text); break;
       case InputLine::Kind::kError:
-        fprintf(stderr, "qmtahost: line %ld: %s\n", number, line.text.c_str());
+        Say("line " + std::to_string(number) + ": " + line.text);
         break;
     }
   }
   if (reader->error() != 0)
-    fprintf(stderr, "qmtahost: error reading the input: %s\n", ErrorText(reader->error()).c_str());
+    Say("error reading the input: " + ErrorText(reader->error()));
   if (in != stdin) fclose(in);
 
   Drain();
   // The local driver's threads end right after their last completion.
   if (!qmta::host::WaitForLocalRunners(std::chrono::seconds(30)))
-    fprintf(stderr, "qmtahost: action programs still running at exit\n");
+    Say("action programs still running at exit");
   fflush(stdout);
   return 0;
 }

@@ -2,9 +2,10 @@
 
 #include <getopt.h>
 
-#include <charconv>
 #include <string_view>
 #include <vector>
+
+#include "host/common/number.h"
 
 namespace qmta::hostprog {
 
@@ -32,18 +33,8 @@ namespace {
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
               kClockShift };
 
-// A whole decimal (or 0x hexadecimal) number within [low, high].
-bool ParseNumber(std::string_view text, int64_t low, int64_t high, int64_t* value) {
-  int base = 10;
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    text.remove_prefix(2);
-    base = 16;
-  }
-  const char* end = text.data() + text.size();
-  auto result = std::from_chars(text.data(), end, *value, base);
-  return !text.empty() && result.ec == std::errc() && result.ptr == end && *value >= low &&
-         *value <= high;
-}
+// Numbers of options may be written in hexadecimal too.
+constexpr host::Radix kRadix = host::Radix::kDecimalOrHex;
 
 }  // namespace
 
@@ -87,7 +78,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
         }
         break;
       case kTrace:
-        if (!ParseNumber(optarg, 0, INT32_MAX, &number)) {
+        if (!host::ParseNumber(optarg, &number, 0, INT32_MAX, kRadix)) {
           *error = std::string("--trace: bad level \"") + optarg + "\"";
           return false;
         }
@@ -95,7 +86,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
         break;
       case kNoInit: options->init = false; break;
       case kLength:
-        if (!ParseNumber(optarg, 1, INT16_MAX, &number)) {
+        if (!host::ParseNumber(optarg, &number, 1, INT16_MAX, kRadix)) {
           *error = std::string("--command-length: bad length \"") + optarg +
                    "\" (1 to 32767)";
           return false;
@@ -103,7 +94,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
         options->commandLength = static_cast<int16_t>(number);
         break;
       case kClockShift:
-        if (!ParseNumber(optarg, -86400, 86400, &number)) {
+        if (!host::ParseNumber(optarg, &number, -86400, 86400, kRadix)) {
           *error = std::string("--clock-shift: bad shift \"") + optarg + "\" (-86400 to 86400)";
           return false;
         }
