@@ -79,7 +79,10 @@ class HandleRegistry {
 
   static constexpr int kBlockSlots = 256;
 
-  mutable std::mutex mutex_;  // guards everything below and every slot
+  // Guards everything below and every slot: taken for the length of one
+  // registry call by whichever thread runs a query-service operation (the
+  // module's threads, the program's) or a test hook.
+  mutable std::mutex mutex_;
   std::vector<std::unique_ptr<Slot[]>> blocks_;
   Slot* free_ = nullptr;      // last released slot first
   std::vector<std::shared_ptr<Object>> orphans_;

@@ -37,12 +37,19 @@ std::atomic<bool> exiting{false};
 
 void Say(const std::string& text) { qmta::host::Say("qmtahost: nats: ", text); }
 
+// One destination line's connection. Owned by its NatsDriver; left to the
+// client library's callbacks when they may still come after the driver
+// has gone (see ~NatsDriver).
 struct State {
   natsconn::Settings settings;
   natsConnection* connection = nullptr;
   natsSubscription* replies = nullptr;
   std::string inbox;  // "<inbox prefix>"; replies go to "<inbox>.<token>"
 
+  // Guards the members below: taken by the module's action threads
+  // queueing a request (Start) or closing one (Take), by the publisher
+  // thread, by the client library's threads delivering a reply or a
+  // connection event, and by the thread destroying the driver.
   std::mutex mutex;
   std::condition_variable wake;
   std::map<uint64_t, std::shared_ptr<Completion>> pending;
