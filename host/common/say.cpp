@@ -21,4 +21,13 @@ void Say(std::string_view who, std::string_view text) {
   funlockfile(stderr);
 }
 
+void SayUsageError(std::string_view program, std::string_view error, std::string_view usage) {
+  Say(std::string(program) + ": ", error);
+  std::string rest(usage);
+  rest += "Try '";
+  rest += program;
+  rest += " --help' for more.\n";
+  fputs(rest.c_str(), stderr);
+}
+
 }  // namespace qmta::host

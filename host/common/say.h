@@ -16,6 +16,10 @@ namespace qmta::host {
 // Any thread.
 void Say(std::string_view who, std::string_view text);
 
+// A command line the program cannot take: "<program>: <error>", the short
+// usage `usage` and where the help is, on standard error.
+void SayUsageError(std::string_view program, std::string_view error, std::string_view usage);
+
 }  // namespace qmta::host
 
 #endif  // HOST_COMMON_SAY_H_

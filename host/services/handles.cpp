@@ -91,12 +91,11 @@ int32_t HandleRegistry::Find(DBQ1_Handle handle, std::shared_ptr<Object>* object
 
 int32_t HandleRegistry::Find(DBQ1_Handle handle, Kind kind,
                              std::shared_ptr<Object>* object) const {
-  std::lock_guard<std::mutex> hold(mutex_);
-  Slot* slot = nullptr;
-  int32_t status = Match(handle, &slot);
+  std::shared_ptr<Object> found;
+  int32_t status = Find(handle, &found);
   if (status != DBQ1_OK) return status;
-  if (slot->object->kind() != kind) return DBQ1_BAD_ARGUMENT;
-  *object = slot->object;
+  if (found->kind() != kind) return DBQ1_BAD_ARGUMENT;  // a kind never changes
+  *object = std::move(found);
   return DBQ1_OK;
 }
 

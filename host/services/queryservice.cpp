@@ -232,6 +232,16 @@ bool Fits(const DBQ1_SqlVar& var, int16_t type) {
   return type == DBQ1_TYPE_INTEGER ? var.length == 4 : var.length > 0;
 }
 
+// The request whose cursor `cursor` is: DBQ1_STALE_HANDLE also when the
+// request has been released.
+int32_t FindCursorOwner(DBQ1_Handle cursor, std::shared_ptr<Request>* owner) {
+  std::shared_ptr<Cursor> found;
+  int32_t status = FindAs(cursor, Kind::kCursor, &found);
+  if (status != DBQ1_OK) return status;
+  *owner = found->request();
+  return *owner ? DBQ1_OK : DBQ1_STALE_HANDLE;
+}
+
 // Reads the four bound parameters; DBQ1_BAD_PARAMETER when `input` is not
 // laid out as a request's input descriptor area.
 int32_t ReadAction(const DBQ1_Sqlda& input, EventTable table, Action* action) {
@@ -399,11 +409,9 @@ QMTA_HOSTSVC_API int32_t DBQ1_CloseRequest(DBQ1_Handle request) {
 
 QMTA_HOSTSVC_API int32_t DBQ1_GetOutputSQLDA(DBQ1_Handle cursor, DBQ1_Sqlda** output) {
   return Run(Op::kGetOutputSQLDA, [&] {
-    std::shared_ptr<Cursor> found;
-    int32_t status = FindAs(cursor, Kind::kCursor, &found);
+    std::shared_ptr<Request> owner;
+    int32_t status = FindCursorOwner(cursor, &owner);
     if (status != DBQ1_OK) return status;
-    std::shared_ptr<Request> owner = found->request();
-    if (!owner) return int32_t{DBQ1_STALE_HANDLE};
     if (output == nullptr) return int32_t{DBQ1_BAD_ARGUMENT};
     *output = owner->output();
     return int32_t{DBQ1_OK};
@@ -412,11 +420,9 @@ QMTA_HOSTSVC_API int32_t DBQ1_GetOutputSQLDA(DBQ1_Handle cursor, DBQ1_Sqlda** ou
 
 QMTA_HOSTSVC_API int32_t DBQ1_Fetch(DBQ1_Handle cursor, DBQ1_Sqlda* output) {
   return Run(Op::kFetch, [&] {
-    std::shared_ptr<Cursor> found;
-    int32_t status = FindAs(cursor, Kind::kCursor, &found);
+    std::shared_ptr<Request> owner;
+    int32_t status = FindCursorOwner(cursor, &owner);
     if (status != DBQ1_OK) return status;
-    std::shared_ptr<Request> owner = found->request();
-    if (!owner) return int32_t{DBQ1_STALE_HANDLE};
     if (output == nullptr || output->count < 1 || output->var[0].data == nullptr ||
         output->var[0].length < 4)
       return int32_t{DBQ1_BAD_ARGUMENT};

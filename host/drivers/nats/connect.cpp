@@ -84,7 +84,8 @@ bool Check(const Settings& settings, std::string* error) {
   return true;
 }
 
-natsOptions* MakeOptions(const Settings& settings, std::string* error) {
+natsOptions* MakeOptions(const Settings& settings, const Callbacks& callbacks,
+                         std::string* error) {
   // OpenSSL, started by the client library, would otherwise free its state
   // from an exit handler, before static objects holding connections are
   // destroyed: a TLS connection still reading then crashes the process.
@@ -150,6 +151,11 @@ natsOptions* MakeOptions(const Settings& settings, std::string* error) {
       (s = natsOptions_SetUserCredentialsFromFiles(options, settings.creds.c_str(), nullptr)) !=
           NATS_OK)
     return fail("cannot use " + settings.creds, s);
+  natsOptions_SetDisconnectedCB(options, callbacks.disconnected, callbacks.closure);
+  natsOptions_SetReconnectedCB(options, callbacks.reconnected, callbacks.closure);
+  natsOptions_SetClosedCB(options, callbacks.closed, callbacks.closure);
+  natsOptions_SetErrorHandler(options, callbacks.error, callbacks.closure);
+  natsOptions_SetRetryOnFailedConnect(options, true, callbacks.connected, callbacks.closure);
   return options;
 }
 

@@ -31,11 +31,23 @@ bool Set(std::string_view key, std::string_view value, Settings* settings, std::
 // with password file, at most one kind of credentials).
 bool Check(const Settings& settings, std::string* error);
 
+// What the client library calls back on its own threads about one
+// connection, each with `closure`.
+struct Callbacks {
+  natsConnectionHandler connected = nullptr;  // the first connection, made late
+  natsConnectionHandler disconnected = nullptr;
+  natsConnectionHandler reconnected = nullptr;
+  natsConnectionHandler closed = nullptr;
+  natsErrHandler error = nullptr;
+  void* closure = nullptr;
+};
+
 // Client options for `settings`: TLS files loaded, credentials set, endless
-// reconnection and a first connection retried in the background. Null, with
-// `*error` set, when a file cannot be used. The caller adds its callbacks
-// and destroys the options.
-natsOptions* MakeOptions(const Settings& settings, std::string* error);
+// reconnection, a first connection retried in the background, and
+// `callbacks`. Null, with `*error` set, when a file cannot be used. The
+// caller destroys the options.
+natsOptions* MakeOptions(const Settings& settings, const Callbacks& callbacks,
+                         std::string* error);
 
 // The text of a client status, for messages.
 std::string StatusText(natsStatus status);

@@ -259,19 +259,16 @@ std::unique_ptr<Driver> MakeDriver(const std::vector<std::string>& options, std:
     return nullptr;
   }
   state->settings.name = "qmtahost";
-  natsOptions* options2 = natsconn::MakeOptions(state->settings, &reason);
-  if (!options2) {
+  State* raw = state.get();
+  natsconn::Callbacks callbacks{OnConnected, OnDisconnected, OnReconnected, OnClosed, OnError,
+                                raw};
+  natsOptions* clientOptions = natsconn::MakeOptions(state->settings, callbacks, &reason);
+  if (!clientOptions) {
     *error = "nats: " + reason;
     return nullptr;
   }
-  State* raw = state.get();
-  natsOptions_SetDisconnectedCB(options2, OnDisconnected, raw);
-  natsOptions_SetReconnectedCB(options2, OnReconnected, raw);
-  natsOptions_SetClosedCB(options2, OnClosed, raw);
-  natsOptions_SetErrorHandler(options2, OnError, raw);
-  natsOptions_SetRetryOnFailedConnect(options2, true, OnConnected, raw);
-  natsStatus s = natsConnection_Connect(&state->connection, options2);
-  natsOptions_Destroy(options2);
+  natsStatus s = natsConnection_Connect(&state->connection, clientOptions);
+  natsOptions_Destroy(clientOptions);
   if (s != NATS_OK && s != NATS_NOT_YET_CONNECTED) {
     *error = "nats: cannot connect to " + state->settings.url + ": " + natsconn::StatusText(s);
     natsConnection_Destroy(state->connection);

@@ -111,16 +111,12 @@ Agent::Agent(std::unique_ptr<host::Driver> driver) : driver_(std::move(driver)) 
 
 int Agent::Connect(const conn::Settings& settings) {
   std::string error;
-  natsOptions* options = conn::MakeOptions(settings, &error);
+  conn::Callbacks callbacks{OnConnected, OnDisconnected, OnReconnected, OnClosed, OnError, this};
+  natsOptions* options = conn::MakeOptions(settings, callbacks, &error);
   if (!options) {
     Say(error);
     return 2;
   }
-  natsOptions_SetErrorHandler(options, OnError, this);
-  natsOptions_SetDisconnectedCB(options, OnDisconnected, this);
-  natsOptions_SetReconnectedCB(options, OnReconnected, this);
-  natsOptions_SetClosedCB(options, OnClosed, this);
-  natsOptions_SetRetryOnFailedConnect(options, true, OnConnected, this);
   natsStatus s = natsConnection_Connect(&connection_, options);
   natsOptions_Destroy(options);
   if (s == NATS_OK) {

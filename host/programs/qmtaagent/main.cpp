@@ -179,9 +179,7 @@ int main(int argc, char** argv) {
   Options options;
   std::string error;
   if (!ParseOptions(argc, argv, &options, &error)) {
-    Say(error);
-    fputs(kUsage, stderr);
-    fputs("Try 'qmtaagent --help' for more.\n", stderr);
+    qmta::host::SayUsageError("qmtaagent", error, kUsage);
     return 2;
   }
   if (options.help) {

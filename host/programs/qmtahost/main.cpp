@@ -175,9 +175,7 @@ int main(int argc, char** argv) {
   Options options;
   std::string error;
   if (!ParseOptions(argc, argv, &options, &error)) {
-    Say(error);
-    fputs(kUsage, stderr);
-    fputs("Try 'qmtahost --help' for more.\n", stderr);
+    host::SayUsageError("qmtahost", error, kUsage);
     return kUsageError;
   }
   if (options.help) {
