@@ -84,6 +84,79 @@ bool Check(const Settings& settings, std::string* error) {
   return true;
 }
 
+namespace {
+
+// Each of these sets part of `options` and returns what went wrong, or
+// nothing.
+
+std::string SetServers(natsOptions* options, const Settings& settings) {
+  // A comma-separated list names the servers of a cluster.
+  std::vector<std::string> urls;
+  std::stringstream list(settings.url);
+  for (std::string url; std::getline(list, url, ',');)
+    if (!url.empty()) urls.push_back(url);
+  std::vector<const char*> pointers;
+  for (auto& url : urls) pointers.push_back(url.c_str());
+  natsStatus s =
+      natsOptions_SetServers(options, pointers.data(), static_cast<int>(pointers.size()));
+  return s == NATS_OK ? "" : "bad url \"" + settings.url + "\": " + StatusText(s);
+}
+
+// Endless reconnection at a steady pace, pings that notice a dead server
+// within about 15 seconds, no shuffling of a cluster's servers.
+void SetBehaviour(natsOptions* options, const Settings& settings) {
+  if (!settings.name.empty()) natsOptions_SetName(options, settings.name.c_str());
+  natsOptions_SetNoRandomize(options, true);
+  natsOptions_SetAllowReconnect(options, true);
+  natsOptions_SetMaxReconnect(options, -1);
+  natsOptions_SetReconnectWait(options, settings.reconnectWaitMs);
+  natsOptions_SetReconnectJitter(options, 0, 0);
+  natsOptions_SetTimeout(options, 2000);
+  natsOptions_SetPingInterval(options, 5000);
+  natsOptions_SetMaxPingsOut(options, 2);
+}
+
+std::string SetTls(natsOptions* options, const Settings& settings) {
+  bool tls = settings.url.find("tls://") != std::string::npos || !settings.tlsCa.empty() ||
+             !settings.tlsCert.empty();
+  if (!tls) return "";
+  natsStatus s = natsOptions_SetSecure(options, true);
+  if (s != NATS_OK) return "TLS is not available: " + StatusText(s);
+  if (!settings.tlsCa.empty() &&
+      (s = natsOptions_LoadCATrustedCertificates(options, settings.tlsCa.c_str())) != NATS_OK)
+    return "cannot load " + settings.tlsCa + ": " + StatusText(s);
+  if (!settings.tlsCert.empty() &&
+      (s = natsOptions_LoadCertificatesChain(options, settings.tlsCert.c_str(),
+                                             settings.tlsKey.c_str())) != NATS_OK)
+    return "cannot load " + settings.tlsCert + " and " + settings.tlsKey + ": " + StatusText(s);
+  return "";
+}
+
+std::string SetCredentials(natsOptions* options, const Settings& settings) {
+  natsStatus s;
+  if (!settings.user.empty()) {
+    std::string password, error;
+    if (!ReadSecret(settings.passwordFile, &password, &error)) return error;
+    s = natsOptions_SetUserInfo(options, settings.user.c_str(), password.c_str());
+    if (s != NATS_OK) return "bad user: " + StatusText(s);
+  }
+  if (!settings.creds.empty() &&
+      (s = natsOptions_SetUserCredentialsFromFiles(options, settings.creds.c_str(), nullptr)) !=
+          NATS_OK)
+    return "cannot use " + settings.creds + ": " + StatusText(s);
+  return "";
+}
+
+void SetCallbacks(natsOptions* options, const Callbacks& callbacks) {
+  natsOptions_SetDisconnectedCB(options, callbacks.disconnected, callbacks.closure);
+  natsOptions_SetReconnectedCB(options, callbacks.reconnected, callbacks.closure);
+  natsOptions_SetClosedCB(options, callbacks.closed, callbacks.closure);
+  natsOptions_SetErrorHandler(options, callbacks.error, callbacks.closure);
+  natsOptions_SetRetryOnFailedConnect(options, true, callbacks.connected, callbacks.closure);
+}
+
+}  // namespace
+
 natsOptions* MakeOptions(const Settings& settings, const Callbacks& callbacks,
                          std::string* error) {
   // OpenSSL, started by the client library, would otherwise free its state
@@ -98,64 +171,18 @@ natsOptions* MakeOptions(const Settings& settings, const Callbacks& callbacks,
     *error = "cannot create client options";
     return nullptr;
   }
-  auto fail = [&](const std::string& what, natsStatus status) -> natsOptions* {
-    *error = what + ": " + StatusText(status);
+  std::string failure = SetServers(options, settings);
+  if (failure.empty()) {
+    SetBehaviour(options, settings);
+    failure = SetTls(options, settings);
+  }
+  if (failure.empty()) failure = SetCredentials(options, settings);
+  if (!failure.empty()) {
+    *error = failure;
     natsOptions_Destroy(options);
     return nullptr;
-  };
-  natsStatus s;
-  {
-    // A comma-separated list names the servers of a cluster.
-    std::vector<std::string> urls;
-    std::stringstream list(settings.url);
-    for (std::string url; std::getline(list, url, ',');)
-      if (!url.empty()) urls.push_back(url);
-    std::vector<const char*> pointers;
-    for (auto& url : urls) pointers.push_back(url.c_str());
-    s = natsOptions_SetServers(options, pointers.data(), static_cast<int>(pointers.size()));
-    if (s != NATS_OK) return fail("bad url \"" + settings.url + "\"", s);
   }
-  if (!settings.name.empty()) natsOptions_SetName(options, settings.name.c_str());
-  natsOptions_SetNoRandomize(options, true);
-  natsOptions_SetAllowReconnect(options, true);
-  natsOptions_SetMaxReconnect(options, -1);
-  natsOptions_SetReconnectWait(options, settings.reconnectWaitMs);
-  natsOptions_SetReconnectJitter(options, 0, 0);
-  natsOptions_SetTimeout(options, 2000);
-  natsOptions_SetPingInterval(options, 5000);
-  natsOptions_SetMaxPingsOut(options, 2);
-
-  bool tls = settings.url.find("tls://") != std::string::npos || !settings.tlsCa.empty() ||
-             !settings.tlsCert.empty();
-  if (tls) {
-    s = natsOptions_SetSecure(options, true);
-    if (s != NATS_OK) return fail("TLS is not available", s);
-    if (!settings.tlsCa.empty() &&
-        (s = natsOptions_LoadCATrustedCertificates(options, settings.tlsCa.c_str())) != NATS_OK)
-      return fail("cannot load " + settings.tlsCa, s);
-    if (!settings.tlsCert.empty() &&
-        (s = natsOptions_LoadCertificatesChain(options, settings.tlsCert.c_str(),
-                                               settings.tlsKey.c_str())) != NATS_OK)
-      return fail("cannot load " + settings.tlsCert + " and " + settings.tlsKey, s);
-  }
-  if (!settings.user.empty()) {
-    std::string password;
-    if (!ReadSecret(settings.passwordFile, &password, error)) {
-      natsOptions_Destroy(options);
-      return nullptr;
-    }
-    s = natsOptions_SetUserInfo(options, settings.user.c_str(), password.c_str());
-    if (s != NATS_OK) return fail("bad user", s);
-  }
-  if (!settings.creds.empty() &&
-      (s = natsOptions_SetUserCredentialsFromFiles(options, settings.creds.c_str(), nullptr)) !=
-          NATS_OK)
-    return fail("cannot use " + settings.creds, s);
-  natsOptions_SetDisconnectedCB(options, callbacks.disconnected, callbacks.closure);
-  natsOptions_SetReconnectedCB(options, callbacks.reconnected, callbacks.closure);
-  natsOptions_SetClosedCB(options, callbacks.closed, callbacks.closure);
-  natsOptions_SetErrorHandler(options, callbacks.error, callbacks.closure);
-  natsOptions_SetRetryOnFailedConnect(options, true, callbacks.connected, callbacks.closure);
+  SetCallbacks(options, callbacks);
   return options;
 }
 

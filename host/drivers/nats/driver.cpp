@@ -238,23 +238,27 @@ class NatsDriver final : public Driver {
   std::unique_ptr<State> state_;
 };
 
-std::unique_ptr<Driver> MakeDriver(const std::vector<std::string>& options, std::string* error) {
-  auto state = std::make_unique<State>();
+// The connection settings of a destination line's KEY=VALUE options; false
+// with `*reason` set when they are not valid.
+bool ReadSettings(const std::vector<std::string>& options, natsconn::Settings* settings,
+                  std::string* reason) {
   for (const std::string& option : options) {
     size_t equals = option.find('=');
-    std::string reason;
     if (equals == std::string::npos) {
-      *error = "nats: \"" + option + "\" is not KEY=VALUE";
-      return nullptr;
+      *reason = "\"" + option + "\" is not KEY=VALUE";
+      return false;
     }
     if (!natsconn::Set(std::string_view(option).substr(0, equals),
-                       std::string_view(option).substr(equals + 1), &state->settings, &reason)) {
-      *error = "nats: " + reason;
-      return nullptr;
-    }
+                       std::string_view(option).substr(equals + 1), settings, reason))
+      return false;
   }
+  return natsconn::Check(*settings, reason);
+}
+
+std::unique_ptr<Driver> MakeDriver(const std::vector<std::string>& options, std::string* error) {
+  auto state = std::make_unique<State>();
   std::string reason;
-  if (!natsconn::Check(state->settings, &reason)) {
+  if (!ReadSettings(options, &state->settings, &reason)) {
     *error = "nats: " + reason;
     return nullptr;
   }

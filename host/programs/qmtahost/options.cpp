@@ -33,8 +33,54 @@ namespace {
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
               kClockShift };
 
-// Numbers of options may be written in hexadecimal too.
-constexpr host::Radix kRadix = host::Radix::kDecimalOrHex;
+// A number of an option within [low, high], in decimal or after "0x" in
+// hexadecimal.
+bool OptionNumber(const char* value, int64_t low, int64_t high, int64_t* number) {
+  return host::ParseNumber(value, number, low, high, host::Radix::kDecimalOrHex);
+}
+
+// Takes `value` for `option` (one of ours); false with `*error` set when it
+// is not valid.
+bool SetOption(int option, const char* value, Options* options, std::string* error) {
+  int64_t number;
+  switch (option) {
+    case kDir: options->dir = value; break;
+    case kNodes: options->nodes = value; break;
+    case kActions: options->actions = value; break;
+    case kModule: options->module = value; break;
+    case kServer:
+      options->server = value;
+      if (options->server.empty() || options->server.size() > 9) {
+        *error = "--server: the name must have 1 to 9 characters";
+        return false;
+      }
+      break;
+    case kTrace:
+      if (!OptionNumber(value, 0, INT32_MAX, &number)) {
+        *error = std::string("--trace: bad level \"") + value + "\"";
+        return false;
+      }
+      options->trace = static_cast<int32_t>(number);
+      break;
+    case kNoInit: options->init = false; break;
+    case kLength:
+      if (!OptionNumber(value, 1, INT16_MAX, &number)) {
+        *error = std::string("--command-length: bad length \"") + value + "\" (1 to 32767)";
+        return false;
+      }
+      options->commandLength = static_cast<int16_t>(number);
+      break;
+    case kClockShift:
+      if (!OptionNumber(value, -86400, 86400, &number)) {
+        *error = std::string("--clock-shift: bad shift \"") + value + "\" (-86400 to 86400)";
+        return false;
+      }
+      options->clockShift = static_cast<int32_t>(number);
+      break;
+    case 'h': options->help = true; break;
+  }
+  return true;
+}
 
 }  // namespace
 
@@ -57,7 +103,6 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
   args.push_back(nullptr);
   optind = 0;  // start afresh (glibc), also when called again
   opterr = 0;  // the messages are ours
-  int64_t number;
   for (;;) {
     int option = getopt_long(argc, args.data(), ":h", longOptions, nullptr);
     if (option == -1) break;
@@ -65,49 +110,15 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
     // written.
     std::string word = optopt > 0 && optopt < 256 ? std::string("-") + static_cast<char>(optopt)
                                                  : std::string(args[optind - 1]);
-    switch (option) {
-      case kDir: options->dir = optarg; break;
-      case kNodes: options->nodes = optarg; break;
-      case kActions: options->actions = optarg; break;
-      case kModule: options->module = optarg; break;
-      case kServer:
-        options->server = optarg;
-        if (options->server.empty() || options->server.size() > 9) {
-          *error = "--server: the name must have 1 to 9 characters";
-          return false;
-        }
-        break;
-      case kTrace:
-        if (!host::ParseNumber(optarg, &number, 0, INT32_MAX, kRadix)) {
-          *error = std::string("--trace: bad level \"") + optarg + "\"";
-          return false;
-        }
-        options->trace = static_cast<int32_t>(number);
-        break;
-      case kNoInit: options->init = false; break;
-      case kLength:
-        if (!host::ParseNumber(optarg, &number, 1, INT16_MAX, kRadix)) {
-          *error = std::string("--command-length: bad length \"") + optarg +
-                   "\" (1 to 32767)";
-          return false;
-        }
-        options->commandLength = static_cast<int16_t>(number);
-        break;
-      case kClockShift:
-        if (!host::ParseNumber(optarg, &number, -86400, 86400, kRadix)) {
-          *error = std::string("--clock-shift: bad shift \"") + optarg + "\" (-86400 to 86400)";
-          return false;
-        }
-        options->clockShift = static_cast<int32_t>(number);
-        break;
-      case 'h': options->help = true; break;
-      case ':':
-        *error = word + ": needs a value";
-        return false;
-      default:
-        *error = "unknown option \"" + word + "\"";
-        return false;
+    if (option == ':') {
+      *error = word + ": needs a value";
+      return false;
     }
+    if (option == '?') {
+      *error = "unknown option \"" + word + "\"";
+      return false;
+    }
+    if (!SetOption(option, optarg, options, error)) return false;
   }
   if (optind < argc - 1) {
     *error = std::string("more than one input file (\"") + args[optind + 1] + "\")";
