@@ -74,9 +74,9 @@ extern "C" {
 // Starts a cache line: every function of the module reads it, so no counter
 // that other threads keep writing may share its line (what follows it here
 // changes only when levels are set).
-QMTA_HOSTSVC_API alignas(64) TRC1_Levels TRC1_levels = {0, 0};
+alignas(64) QMTA_HOSTSVC_API TRC1_Levels TRC1_levels = {0, 0};
 
-QMTA_HOSTSVC_API int32_t TRC1_UnitLevel(const char* unit) {
+QMTA_HOSTSVC_API TRC1_NOTHROW int32_t TRC1_UnitLevel(const char* unit) {
   // The trace services promise not to throw: a mutex that cannot be taken
   // leaves the unit at the common level.
   try {
@@ -88,8 +88,8 @@ QMTA_HOSTSVC_API int32_t TRC1_UnitLevel(const char* unit) {
   return defaultLevel().load(std::memory_order_relaxed);
 }
 
-QMTA_HOSTSVC_API void TRC1_Event(const char* unit, const char* function, int32_t kind,
-                                  int64_t result) {
+QMTA_HOSTSVC_API TRC1_NOTHROW void TRC1_Event(const char* unit, const char* function,
+                                               int32_t kind, int64_t result) {
   FILE* out = stream();
   flockfile(out);
   prefix(out, unit);
@@ -108,7 +108,7 @@ QMTA_HOSTSVC_API void TRC1_Event(const char* unit, const char* function, int32_t
   funlockfile(out);
 }
 
-QMTA_HOSTSVC_API void TRC1_Printf(const char* unit, int32_t line, const char* format, ...) {
+QMTA_HOSTSVC_API TRC1_NOTHROW void TRC1_Printf(const char* unit, int32_t line, const char* format, ...) {
   FILE* out = stream();
   va_list values;
   va_start(values, format);
