@@ -1,6 +1,6 @@
 // The "local" destination driver (see local.h): its runner threads, the
 // queue of each destination, and its options. The steps of one action are
-// in the other files of this folder (parts.h).
+// in the other files of this folder (internal.h).
 //
 // Threads: Start, on the module's action thread, never runs a program
 // itself. It hands the action to a runner thread of the destination, or
@@ -15,7 +15,7 @@
 #include <thread>
 
 #include "host/common/number.h"
-#include "host/drivers/local/parts.h"
+#include "host/drivers/local/internal.h"
 
 namespace qmta::host {
 namespace {

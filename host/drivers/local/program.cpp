@@ -1,12 +1,12 @@
 // The local driver's commands: how a command splits into words, which
 // names a program may have, and the program of the actions directory that
-// a command names (see local.h and parts.h).
+// a command names (see local.h and internal.h).
 #include <errno.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "host/common/files.h"
-#include "host/drivers/local/parts.h"
+#include "host/drivers/local/internal.h"
 
 namespace qmta::host {
 namespace {

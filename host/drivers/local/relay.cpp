@@ -1,6 +1,6 @@
-// The local driver's output relay (see parts.h).
+// The local driver's output relay (see internal.h).
 #include "host/common/say.h"
-#include "host/drivers/local/parts.h"
+#include "host/drivers/local/internal.h"
 
 namespace qmta::host::local {
 namespace {

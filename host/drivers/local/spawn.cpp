@@ -1,4 +1,4 @@
-// The local driver starts a program (see parts.h): pipes for its output,
+// The local driver starts a program (see internal.h): pipes for its output,
 // the eventfd through which a close wakes the runner, and posix_spawn with
 // a fixed environment, in a process group of its own. Never a shell.
 #include <errno.h>
@@ -9,7 +9,7 @@
 #include <sys/syscall.h>
 
 #include "host/common/files.h"
-#include "host/drivers/local/parts.h"
+#include "host/drivers/local/internal.h"
 
 namespace qmta::host::local {
 namespace {

@@ -1,4 +1,4 @@
-// The local driver watches a running program (see parts.h) with poll: its
+// The local driver watches a running program (see internal.h) with poll: its
 // two output pipes, a pidfd for its exit and the eventfd through which a
 // closed request asks it to stop. A closed request or the time-out ends
 // the program's group with SIGTERM, then SIGKILL after the grace. The
@@ -13,7 +13,7 @@
 #include <chrono>
 
 #include "host/common/files.h"
-#include "host/drivers/local/parts.h"
+#include "host/drivers/local/internal.h"
 
 namespace qmta::host::local {
 namespace {

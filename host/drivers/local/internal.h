@@ -6,8 +6,8 @@
 //   watch.cpp    the program watched to its end: output, time-out, close;
 //   relay.cpp    its output cut into lines on the host's standard error;
 //   driver.cpp   the driver itself: runner threads, queues, options.
-#ifndef HOST_DRIVERS_LOCAL_PARTS_H_
-#define HOST_DRIVERS_LOCAL_PARTS_H_
+#ifndef HOST_DRIVERS_LOCAL_INTERNAL_H_
+#define HOST_DRIVERS_LOCAL_INTERNAL_H_
 
 #include <stdint.h>
 #include <sys/types.h>
@@ -127,4 +127,4 @@ class Relay {
 
 }  // namespace qmta::host::local
 
-#endif  // HOST_DRIVERS_LOCAL_PARTS_H_
+#endif  // HOST_DRIVERS_LOCAL_INTERNAL_H_
