@@ -32,6 +32,7 @@
 #endif
 #include "host/prog/inputline.h"
 #include "host/prog/options.h"
+#include "host/prog/rulecheck.h"
 #include "qmtauto1/qmtautox.h"
 
 namespace {
@@ -320,6 +321,9 @@ int main(int argc, char** argv) {
   EnsureStandardDescriptors();
   signal(SIGPIPE, SIG_IGN);  // a closed output is reported as an error, not fatal
 
+  // The operator tools: own processes that never load the module.
+  if (argc > 1 && strcmp(argv[1], "check") == 0) return qmta::hostprog::RunCheck(argc - 1, argv + 1);
+
   qmta::hostprog::Options options;
   std::string error;
   if (!qmta::hostprog::ParseOptions(argc, argv, &options, &error)) {
@@ -329,6 +333,10 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     fputs(qmta::hostprog::kHelp, stdout);
+    return 0;
+  }
+  if (options.version) {
+    puts("qmtahost " QMTA_VERSION);
     return 0;
   }
   return Run(options);

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace qmta::hostprog {
 
@@ -23,11 +24,15 @@ struct Options {
   int32_t clockShift = 0;
   std::string input = "-";  // "-": standard input
   bool help = false;
+  bool version = false;     // --version: print "qmtahost VERSION" and exit
 };
 
 // Reads the command line into `*options`. False, with `*error` set to a
 // one-line reason, on a usage error.
 bool ParseOptions(int argc, char* const* argv, Options* options, std::string* error);
+
+// A whole decimal (or 0x hexadecimal) number within [low, high].
+bool ParseNumber(std::string_view text, int64_t low, int64_t high, int64_t* value);
 
 // The --help text (one line per option) and the short usage for errors.
 extern const char kHelp[];
