@@ -30,6 +30,7 @@
 #ifdef QMTA_HAVE_NATS
 #include "host/nats/driver.h"
 #endif
+#include "host/prog/explain.h"
 #include "host/prog/inputline.h"
 #include "host/prog/options.h"
 #include "host/prog/rulecheck.h"
@@ -323,6 +324,7 @@ int main(int argc, char** argv) {
 
   // The operator tools: own processes that never load the module.
   if (argc > 1 && strcmp(argv[1], "check") == 0) return qmta::hostprog::RunCheck(argc - 1, argv + 1);
+  if (argc > 1 && strcmp(argv[1], "explain") == 0) return qmta::hostprog::RunExplain(argc - 1, argv + 1);
 
   qmta::hostprog::Options options;
   std::string error;
