@@ -33,6 +33,7 @@
 #include "host/prog/explain.h"
 #include "host/prog/inputline.h"
 #include "host/prog/options.h"
+#include "host/prog/reload.h"
 #include "host/prog/rulecheck.h"
 #include "qmtauto1/qmtautox.h"
 
@@ -299,6 +300,9 @@ int Run(const qmta::hostprog::Options& options) {
       case InputLine::Kind::kEvent: SendEvent(entries, line.event); break;
       case InputLine::Kind::kDrain: Drain(); break;
       case InputLine::Kind::kCommand: SendCommand(entries, line.text); break;
+      case InputLine::Kind::kReload:
+        qmta::hostprog::ReloadFromInput(line.force, [&] { SendCommand(entries, "REFRESH"); });
+        break;
       case InputLine::Kind::kError:
         fprintf(stderr, "qmtahost: line %ld: %s\n", number, line.text.c_str());
         break;
