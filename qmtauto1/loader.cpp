@@ -5,8 +5,11 @@
 // tokenizer's and parser's module-wide state is used by one load at a time.
 // The old list is freed before the file is opened, so a load that fails
 // leaves the table empty rather than stale.
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "qmtauto1/qmtamsg.h"
 #include "qmtauto1/qmtaport.h"
@@ -35,6 +38,24 @@ void freeList(TableEntry* entry, const TraceFlow& flow) {
     freeentry(entry);
     entry = next;
   }
+}
+
+// Opens the rule file for reading in text mode, or returns null. Anything
+// but a regular file counts as a file that could not be opened: a FIFO
+// would block the open (and every search waiting on the table lock) until
+// a writer came, and a device such as /dev/zero would never end. The open
+// itself never blocks; a regular file reads the same without the flag.
+FILE* openRuleFile() {
+  int fd = open(kRuleFileName, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) return nullptr;
+  struct stat info;
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    close(fd);
+    return nullptr;
+  }
+  FILE* file = fdopen(fd, "r");
+  if (file == nullptr) close(fd);
+  return file;
 }
 
 }  // namespace
@@ -74,7 +95,7 @@ int32_t loadtable() {
 
   qmta::rules::restarttokenizer();
   qmta::rules::restartparser();
-  FILE* file = fopen(kRuleFileName, "r");
+  FILE* file = openRuleFile();
   if (file == nullptr) {
     qmtaMessage(kNotOpened);
     status = kNoFile;

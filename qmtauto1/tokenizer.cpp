@@ -5,10 +5,13 @@
 // are still to be reported. Only one file is read at a time; the table load
 // runs under the exclusive table lock, which serialises this.
 //
-// Lines are read with fgets into the fixed buffer. A line's text ends at
-// its first NUL (a NUL byte in the file ends the line's text early) and
-// never includes its line end (LF, or CR LF), so no token, value or message
-// ever reaches past the text of the line that is being read.
+// Lines are read with fgets into the fixed buffer, line end included. A
+// line's text ends at its first NUL (a NUL byte in the file ends the line's
+// text early), so no token, value or message ever reaches past the text of
+// the line that is being read. Plain values stop at the line end (it is a
+// delimiter); a quoted value whose closing quote never comes is the keyword
+// and the rest of the line, line end and all, so the message that names it
+// runs over two lines of standard output.
 #include <stdio.h>
 #include <string.h>
 
@@ -61,15 +64,11 @@ void carryValue(char** valueS) {
   *valueS = carriedValue;
 }
 
-// Reads the next line into the buffer; false at end of file or on a read
-// error. The line end is cut off the text.
+// Reads the next line, with its line end, into the buffer; false at end of
+// file or on a read error.
 bool readLine(FILE* file) {
   if (fgets(lineBuffer, kLineReadLimit, file) == nullptr) return false;
-  size_t length = strlen(lineBuffer);
-  while (length > 0 &&
-         (lineBuffer[length - 1] == '\n' || lineBuffer[length - 1] == '\r'))
-    lineBuffer[--length] = '\0';
-  lineEnd = lineBuffer + length;
+  lineEnd = lineBuffer + strlen(lineBuffer);
   return true;
 }
 

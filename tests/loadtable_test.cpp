@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <utility>
 #include <chrono>
 #include <random>
@@ -111,12 +113,43 @@ TEST_F(LoadTable, ReloadWaitsForSharedHolders) {
   EXPECT_EQ((Lines{"NEW|*|*|1|0|*|"}), Table());
 }
 
+// A trace stream whose writes wait while the gate is shut: a load with
+// detail trace on stops at its first trace line, table lock held.
+struct TraceGate {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool shut = true, reached = false;
+  FILE* Stream() {
+    cookie_io_functions_t io{};
+    io.write = [](void* self, const char*, size_t size) -> ssize_t {
+      auto* gate = static_cast<TraceGate*>(self);
+      std::unique_lock<std::mutex> hold(gate->mutex);
+      gate->reached = true;
+      gate->changed.notify_all();
+      gate->changed.wait(hold, [&] { return !gate->shut; });
+      return static_cast<ssize_t>(size);
+    };
+    return fopencookie(this, "w", io);
+  }
+  void WaitReached() {
+    std::unique_lock<std::mutex> hold(mutex);
+    changed.wait(hold, [&] { return reached; });
+  }
+  void Release() {
+    std::lock_guard<std::mutex> hold(mutex);
+    shut = false;
+    changed.notify_all();
+  }
+};
+
 TEST_F(LoadTable, SearchArrivingDuringALoadWaitsForIt) {
-  ASSERT_EQ(0, mkfifo("QMTASITR", 0600));
+  dir.Write("QMTASITR", "DESTNODE=N1;\nDESTNODE=N2;");
+  TraceGate gate;
+  FILE* trace = gate.Stream();
+  qmta::host::SetTraceStream(trace);
+  qmta::host::SetTraceLevel(TRC1_DETAIL);
   std::thread load([&] { EXPECT_EQ(0, loadtable()); });
-  int fifo = open("QMTASITR", O_WRONLY);  // returns once the load has opened it
-  ASSERT_GE(fifo, 0);
-  ASSERT_EQ(13, write(fifo, "DESTNODE=N1;\n", 13));
+  gate.WaitReached();
   std::atomic<bool> searched{false};
   Lines seen;
   std::thread search([&] {
@@ -127,11 +160,35 @@ TEST_F(LoadTable, SearchArrivingDuringALoadWaitsForIt) {
   });
   std::this_thread::sleep_for(50ms);
   EXPECT_FALSE(searched);
-  ASSERT_EQ(12, write(fifo, "DESTNODE=N2;", 12));
-  close(fifo);
+  gate.Release();
   load.join();
   search.join();
+  qmta::host::SetTraceLevel(0);
+  qmta::host::SetTraceStream(nullptr);
+  fclose(trace);
   EXPECT_EQ((Lines{"N1|*|*|1|0|*|", "N2|*|*|1|0|*|"}), seen);
+}
+
+// Anything but a regular file is a file that could not be opened, at once:
+// a named pipe with no writer, a device that never ends, a directory.
+TEST_F(LoadTable, OnlyARegularFileIsRead) {
+  const Lines notOpened{"QMTA009W QMTASITR COULD NOT BE OPENED"};
+  ASSERT_EQ(0, mkfifo("QMTASITR", 0600));
+  EXPECT_EQ(-9, loadtable());
+  EXPECT_EQ(notOpened, out.TakeLines());
+  dir.Remove("QMTASITR");
+  ASSERT_EQ(0, symlink("/dev/zero", "QMTASITR"));
+  EXPECT_EQ(-9, loadtable());
+  EXPECT_EQ(notOpened, out.TakeLines());
+  dir.Remove("QMTASITR");
+  ASSERT_EQ(0, mkdir("QMTASITR", 0700));
+  EXPECT_EQ(-9, loadtable());
+  EXPECT_EQ(notOpened, out.TakeLines());
+  ASSERT_EQ(0, rmdir("QMTASITR"));
+  dir.Write("rules", "DESTNODE=LINKED;");
+  ASSERT_EQ(0, symlink("rules", "QMTASITR"));
+  EXPECT_EQ(0, loadtable());
+  EXPECT_EQ((Lines{"LINKED|*|*|1|0|*|"}), Table());
 }
 
 // Files no editor should produce load what they can without reading outside

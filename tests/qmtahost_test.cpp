@@ -211,6 +211,32 @@ TEST_F(Host, OperatorCommandsAndARefreshAfterTheRuleFileChanged) {
       "QMTA091I TESTSIT INVOKED.  STATUS=0"}));
 }
 
+// The rule file as an editor can leave it: a quote never closed (the
+// message carries the line end and so runs over two lines), then a named
+// pipe in its place, which must not hold the load (nor the table lock).
+TEST_F(Host, UnclosedQuoteAndARuleFileThatIsNotARegularFile) {
+  Write("QMTASITR", "DESTNODE=sim:N;\r\nSITNAME=\"abc\r\n;\n");
+  Result result = Run({"-"}, "REFRESH\n");
+  EXPECT_EQ(result.out, (Lines{
+      "QMTA024E ENDING QUOTE FOR TAG VALUE NOT FOUND IN LINE 2",
+      "QMTA022E INVALID SYNTAX: SITNAME=\"abc\r", " IN LINE 2",
+      "QMTA010E DESTNODE NOT SPECIFIED IN LINE 3 NEAR \"SITNAME=\"abc\r", "\"",
+      "QMTA093I ACTION ENVIRONMENT INITIALIZE",
+      "QMTA024E ENDING QUOTE FOR TAG VALUE NOT FOUND IN LINE 2",
+      "QMTA022E INVALID SYNTAX: SITNAME=\"abc\r", " IN LINE 2",
+      "QMTA010E DESTNODE NOT SPECIFIED IN LINE 3 NEAR \"SITNAME=\"abc\r", "\"",
+      "QMTA090I QMTASITR REFRESHED.  STATUS=0"}));
+  std::filesystem::remove(dir_.path() + "/QMTASITR");
+  ASSERT_EQ(0, mkfifo((dir_.path() + "/QMTASITR").c_str(), 0600));
+  auto start = std::chrono::steady_clock::now();
+  result = Run({"-"}, "REFRESH\n");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+  EXPECT_EQ(result.out, (Lines{"QMTA009W QMTASITR COULD NOT BE OPENED",
+                               "QMTA092I ACTIONS HAVE BEEN DISABLED",
+                               "QMTA009W QMTASITR COULD NOT BE OPENED",
+                               "QMTA090I QMTASITR REFRESHED.  STATUS=-9"}));
+}
+
 TEST_F(Host, MalformedLinesAreReportedAndSkipped) {
   Write("QMTASITR", "SITNAME=S DESTNODE=sim:N SCRIPT=j ARG1=a;\n");
   Write("nodes", "* sim rc=0\n");

@@ -82,7 +82,7 @@ TEST(RuleEntry, RejectedValuesDiscardTheEntry) {
         "QMTA010E DESTNODE NOT SPECIFIED IN LINE 1 NEAR \"DESTNODE=" + k32 + "*\""}},
       {"FOO DESTNODE=N ARG1=\"abc\n;\nDESTNODE=OK;", {"OK|*|*|1|0|*|"},
        {"QMTA022E INVALID SYNTAX: FOO IN LINE 1", "QMTA024E ENDING QUOTE FOR TAG VALUE NOT FOUND IN LINE 1",
-        "QMTA022E INVALID SYNTAX: ARG1=\"abc IN LINE 1"}},
+        "QMTA022E INVALID SYNTAX: ARG1=\"abc", " IN LINE 1"}},
       // Line numbers run on through the file; NEAR may name an earlier line's value.
       {";\n* rules\n\nSITNAME=ABC\n          ;\nDESTNODE=N2\n  STATE=x;\nDESTNODE=N3;\nDESTNODE=N4 ARG1=x", {"N3|*|*|1|0|*|"},
        {"QMTA010E DESTNODE NOT SPECIFIED IN LINE 1 NEAR \"\"", "QMTA010E DESTNODE NOT SPECIFIED IN LINE 5 NEAR \"ABC\"",

@@ -42,8 +42,11 @@ TEST(Tokenizer, TagsValuesQuotesAndDelimiters) {
         "101|ARG10=j|1", "100||1"}, {}},
       {"SCRIPT=\"my job\";ARG1=\"a;b\" ARG2=\"A\"B ARG3=\"\"",
        {"6|\"my job\"|1", "0|SCRIPT=\"my job\"|1", "8|\"a;b\"|1", "9|\"A\"|1", "10|\"\"|1", "100||1"}, {}},
-      {"ARG1=\"abc def\nDESTNODE=N \";\n", {"101|ARG1=\"abc def|1", "4|N|2", "101|\"|2", "0|\"|2", "100||2"},
+      // An unclosed quote: the keyword and the rest of the line, line end included.
+      {"ARG1=\"abc def\nDESTNODE=N \";\n", {"101|ARG1=\"abc def\n|1", "4|N|2", "101|\"|2", "0|\"|2", "100||2"},
        {"QMTA024E ENDING QUOTE FOR TAG VALUE NOT FOUND IN LINE 1"}},
+      {"DESTNODE=N;\r\nSITNAME=\"abc\r\n;", {"4|N|1", "0|DESTNODE=N|1", "101|SITNAME=\"abc\r\n|2", "0|SITNAME=\"abc\r\n|3", "100||3"},
+       {"QMTA024E ENDING QUOTE FOR TAG VALUE NOT FOUND IN LINE 2"}},
   });
 }
 
