@@ -28,11 +28,9 @@ using Json = nlohmann::json;
 // returns its exit status, or nothing with `*reason` set.
 std::optional<int> RunCheckProcess(const ReloadSettings& settings, FILE* out, FILE* err,
                                    std::string* reason) {
-  std::vector<std::string> words = {"qmtahost", "check", "--json", "--max-size",
-                                    std::to_string(settings.limit), "--", settings.file};
-  std::vector<char*> argv;
-  for (auto& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
+  const std::string limit = std::to_string(settings.limit);
+  const char* argv[] = {"qmtahost", "check", "--json", "--max-size", limit.c_str(), "--",
+                        settings.file.c_str(), nullptr};
   posix_spawn_file_actions_t files;
   posix_spawn_file_actions_init(&files);
   posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
@@ -42,16 +40,17 @@ std::optional<int> RunCheckProcess(const ReloadSettings& settings, FILE* out, FI
   posix_spawn_file_actions_addclosefrom_np(&files, 3);
 #endif
   pid_t pid;
-  int failed = posix_spawn(&pid, settings.program.c_str(), &files, nullptr, argv.data(), environ);
+  int failed = posix_spawn(&pid, settings.program.c_str(), &files, nullptr,
+                           const_cast<char* const*>(argv), environ);
   posix_spawn_file_actions_destroy(&files);
   if (failed) {
     *reason = "cannot run the check: " + std::string(strerror(failed));
     return std::nullopt;
   }
-  auto limit = std::chrono::steady_clock::now() + settings.timeout;
+  auto end = std::chrono::steady_clock::now() + settings.timeout;
   int status = 0;
   pid_t done;
-  while ((done = waitpid(pid, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < limit)
+  while ((done = waitpid(pid, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() < end)
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   if (done == 0) {
     kill(pid, SIGKILL);
