@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include "host/prog/inputline.h"
 #include "host/prog/reload.h"
 #include "tests/support/support.h"
 
@@ -230,6 +231,13 @@ TEST_F(Tools, CheckedReloadKeepsTheTableUnlessTheFileIsGoodOrForced) {
   EXPECT_TRUE(ran.Said("qmtahost: reload refused: QMTASITR would drop 1 entry (first: QMTA021E "
                        "INVALID VALUE FOR STATE=maybe IN LINE 2); the running rules stay"));
   EXPECT_TRUE(ran.Said("qmtahost: reload: forced: not checked; REFRESH sent"));
+
+  for (const auto& [text, reason] : std::vector<std::pair<std::string, std::string>>{
+           {R"({"reload": false})", "\"reload\" must be true"},
+           {R"({"reload": true, "force": 1})", "\"force\" must be true or false"},
+           {R"({"reload": true, "sitname": "S"})", "\"reload\" takes no field \"sitname\""}})
+    EXPECT_EQ(reason, qmta::hostprog::ParseInputLine(text).text) << text;
+  EXPECT_TRUE(qmta::hostprog::ParseInputLine(R"({"force": true, "reload": true})").force);
 
   // The function a control socket or SIGHUP would call.
   qmta::hostprog::ReloadSettings settings;
