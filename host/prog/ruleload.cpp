@@ -68,44 +68,65 @@ class Redirect {
   int saved_ = -1;
 };
 
-// One entry of the file as the tokenizer cut it: its lines and the last
-// DESTNODE, SCRIPT/SUBAGENT and ARGn values it gave.
+// One entry of the file as the tokenizer cut it: its first line and the
+// last DESTNODE, SCRIPT/SUBAGENT and ARGn values it gave. Reused from entry
+// to entry, so its strings keep their room.
 struct FileEntry {
   int32_t line = 0;
   std::string destnode;
-  std::optional<std::string> script;
-  std::array<std::optional<std::string>, kArgCount> args;
+  bool hasScript = false;
+  std::string script;
+  uint32_t args = 0;  // bit i: ARG(i+1) given
+  std::array<std::string, kArgCount> arg;
   std::array<int32_t, kArgCount> argLines{};
+
+  void Start(int32_t first) {
+    line = first;
+    destnode.clear();
+    hasScript = false;
+    args = 0;
+    argLines.fill(0);
+  }
 };
 
 // Cuts the file into entries the way the entry reader walks it: every ";"
 // ends one (a lone ";" too), and so does the end of the file after a tag.
-std::vector<FileEntry> CutEntries(FILE* file) {
+// `take` sees each entry; returns how many there were.
+int CutEntries(FILE* file, const std::function<void(const FileEntry&)>& take) {
   using namespace qmta::rules;
-  std::vector<FileEntry> entries;
   restarttokenizer();
   char start[1] = "";
   char* value = start;
   int32_t line = 0;
+  int count = 0;
   bool open = false;
+  FileEntry entry;
   for (;;) {
     int32_t tag = getnexttag(file, &value, &line);
     if (tag == kTagEof) break;
-    if (!open) {
-      entries.emplace_back();
-      entries.back().line = line;
-    }
+    if (!open) entry.Start(line);
     open = tag != kTagEnd;
-    FileEntry& entry = entries.back();
     if (tag == kTagDestnode) entry.destnode = value;
-    if (tag == kTagScript || tag == kTagSubagent) entry.script = value;
+    if (tag == kTagScript || tag == kTagSubagent) {
+      entry.script = value;
+      entry.hasScript = true;
+    }
     if (tag >= kTagArg1 && tag <= kTagArg9) {
-      entry.args[tag - kTagArg1] = value;
+      entry.args |= 1u << (tag - kTagArg1);
+      entry.arg[tag - kTagArg1] = value;
       entry.argLines[tag - kTagArg1] = line;
     }
+    if (!open) {
+      ++count;
+      take(entry);
+    }
+  }
+  if (open) {
+    ++count;
+    take(entry);
   }
   restarttokenizer();
-  return entries;
+  return count;
 }
 
 // Whether the loaded `rule` is what `entry` wrote (the fields the reader
@@ -115,12 +136,15 @@ bool Wrote(const FileEntry& entry, const TableEntry& rule) {
   if (dest.size() >= 2 && dest.front() == '"' && dest.back() == '"')
     dest = dest.substr(1, dest.size() - 2);
   if (dest.substr(0, kNameMax) != rule.destnode) return false;
-  if (entry.script.value_or("*") != rule.script) return false;
+  if ((entry.hasScript ? std::string_view(entry.script) : "*") != rule.script) return false;
   int given = kArgCount;
-  while (given > 0 && !entry.args[given - 1]) --given;
+  while (given > 0 && !(entry.args & (1u << (given - 1)))) --given;
   for (int i = 0; i < kArgCount; ++i) {
     if ((rule.args[i] != nullptr) != (i < given)) return false;
-    if (i < given && entry.args[i].value_or("") != rule.args[i]) return false;
+    if (i < given) {
+      std::string_view text = entry.args & (1u << i) ? std::string_view(entry.arg[i]) : "";
+      if (text != rule.args[i]) return false;
+    }
   }
   return true;
 }
@@ -255,32 +279,33 @@ bool RuleLoad::Run(int fd, std::string* problem) {
   if (here >= 0) close(here);
   if (!ran) return false;
 
-  // The tokenizer's own messages were printed by the load already.
-  std::vector<FileEntry> cut;
+  // The tokenizer's own messages were printed by the load already. The
+  // loaded rules are the file's good entries in order: each rule takes the
+  // next entry that wrote it.
+  rules.clear();
+  const TableEntry* next = table->entries;
+  auto take = [&](const FileEntry& entry) {
+    if (next == nullptr || !Wrote(entry, *next)) return;
+    LoadedRule loaded;
+    loaded.entry = next;
+    loaded.line = entry.line;
+    loaded.argLines = entry.argLines;
+    rules.push_back(loaded);
+    next = next->next;
+  };
+  entries = 0;
   if (FILE* again = fopen(self.c_str(), "re")) {
     int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
     {
       Redirect quiet(null);
-      cut = CutEntries(again);
+      entries = CutEntries(again, take);
     }
     close(null);
     fclose(again);
   }
-  entries = static_cast<int>(cut.size());
-  rules.clear();
-  size_t next = 0;
-  for (const TableEntry* rule = table->entries; rule != nullptr; rule = rule->next) {
-    LoadedRule loaded;
-    loaded.entry = rule;
-    size_t at = next;
-    while (at < cut.size() && !Wrote(cut[at], *rule)) ++at;
-    if (at < cut.size()) {
-      loaded.line = cut[at].line;
-      loaded.argLines = cut[at].argLines;
-      next = at + 1;
-    }
-    rules.push_back(loaded);
-  }
+  // Rules that no entry was found for (none, unless the file changed
+  // under the check) keep line 0.
+  for (; next != nullptr; next = next->next) rules.push_back(LoadedRule{next});
   return true;
 }
 
