@@ -27,7 +27,7 @@ const char* Kind(mode_t mode) {
   if (S_ISCHR(mode)) return "a character device";
   if (S_ISBLK(mode)) return "a block device";
   if (S_ISSOCK(mode)) return "a socket";
-  return "not a regular file";
+  return "something else";
 }
 
 // The automation anchor of this process: the table lock and the request
