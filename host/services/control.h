@@ -63,6 +63,11 @@ QMTA_HOSTSVC_API void SetCommandLength(int16_t length);
 // (host/drivers/driver.h). On a bad line returns false, sets `*error` to
 // "line N: reason" and keeps the old directory.
 QMTA_HOSTSVC_API bool SetDestinations(const std::string& text, std::string* error);
+// True when the directory pattern `pattern` (at most one '*') matches the
+// whole of `node`, as a directory line would (for tools that show which
+// line takes a destination without running anything).
+QMTA_HOSTSVC_API bool DestinationPatternMatches(const std::string& pattern,
+                                                const std::string& node);
 
 }  // namespace qmta::host
 

@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -27,10 +28,13 @@
 #include "host/drivers/local/local.h"
 #include "host/drivers/nats/driver.h"
 #include "host/drivers/sim.h"
+#include "host/programs/qmtahost/explain.h"
 #include "host/programs/qmtahost/inputline.h"
 #include "host/programs/qmtahost/linereader.h"
 #include "host/programs/qmtahost/module.h"
 #include "host/programs/qmtahost/options.h"
+#include "host/programs/qmtahost/reload.h"
+#include "host/programs/qmtahost/rulecheck.h"
 #include "host/services/control.h"
 
 namespace {
@@ -142,6 +146,9 @@ void Feed(const Entries& entries, FILE* in) {
       case InputLine::Kind::kEvent: SendEvent(entries, line.event); break;
       case InputLine::Kind::kDrain: Drain(); break;
       case InputLine::Kind::kCommand: SendCommand(entries, line.text); break;
+      case InputLine::Kind::kReload:
+        ReloadFromInput(line.force, [&] { SendCommand(entries, "REFRESH"); });
+        break;
       case InputLine::Kind::kError: Say("line " + std::to_string(number) + ": " + line.text); break;
     }
   }
@@ -172,6 +179,10 @@ int main(int argc, char** argv) {
   EnsureStandardDescriptors();
   signal(SIGPIPE, SIG_IGN);  // a closed output is reported as an error, not fatal
 
+  // The operator tools: own processes that never load the module.
+  if (argc > 1 && strcmp(argv[1], "check") == 0) return RunCheck(argc - 1, argv + 1);
+  if (argc > 1 && strcmp(argv[1], "explain") == 0) return RunExplain(argc - 1, argv + 1);
+
   Options options;
   std::string error;
   if (!ParseOptions(argc, argv, &options, &error)) {
@@ -180,6 +191,10 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     fputs(kHelp, stdout);
+    return 0;
+  }
+  if (options.version) {
+    puts("qmtahost " QMTA_VERSION);
     return 0;
   }
   return Run(options);

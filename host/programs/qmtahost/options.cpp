@@ -16,8 +16,14 @@ const char kUsage[] =
 
 const char kHelp[] =
     "usage: qmtahost [OPTION]... [INPUT]\n"
+    "       qmtahost check [--strict] [--json] [--max-size BYTES] [--actions DIR]\n"
+    "                      [--nodes FILE] [FILE]\n"
+    "       qmtahost explain [--dir DIR] [--nodes FILE] EVENT...\n"
     "Runs the automation module on the events and operator commands of INPUT\n"
     "(standard input when INPUT is missing or \"-\").\n"
+    "  check     checks a rule file (default ./QMTASITR) without touching a running host\n"
+    "  explain   shows the rules an event would fire and the commands they would send\n"
+    "            (EVENT is a JSON event line; \"-\" reads them from standard input)\n"
     "  --dir DIR             work in DIR; the rule file is DIR/QMTASITR (default: .)\n"
     "  --nodes FILE          destination directory (default: every node runs \"local\")\n"
     "  --actions DIR         programs of the local driver (default: DIR/actions)\n"
@@ -26,12 +32,17 @@ const char kHelp[] =
     "  --trace LEVEL         trace level of every unit, written to standard error\n"
     "  --no-init             do not call the start-up entry; the first event initialises\n"
     "  --command-length N    declared length of the COMMAND parameter (default: 600)\n"
-    "  -h, --help            print this help and exit\n";
+    "  -h, --help            print this help and exit\n"
+    "  --version             print the version and exit\n"
+    "Input lines: events (JSON), {\"drain\": true}, {\"reload\": true} (checked reload,\n"
+    "\"force\": true to skip the check), operator commands (REFRESH, DISPLAY, TESTSIT).\n";
 
 namespace {
 
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
-              kClockShift };
+              kClockShift, kVersion };
+
+}  // namespace
 
 // A number of an option within [low, high], in decimal or after "0x" in
 // hexadecimal.
@@ -78,11 +89,10 @@ bool SetOption(int option, const char* value, Options* options, std::string* err
       options->clockShift = static_cast<int32_t>(number);
       break;
     case 'h': options->help = true; break;
+    case kVersion: options->version = true; break;
   }
   return true;
 }
-
-}  // namespace
 
 bool ParseOptions(int argc, char* const* argv, Options* options, std::string* error) {
   static const struct option longOptions[] = {
@@ -96,6 +106,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"command-length", required_argument, nullptr, kLength},
       {"clock-shift", required_argument, nullptr, kClockShift},
       {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, kVersion},
       {nullptr, 0, nullptr, 0},
   };
   // getopt_long may reorder the pointers; it works on a copy.

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace qmta::hostprog {
 
@@ -23,6 +24,7 @@ struct Options {
   int32_t clockShift = 0;
   std::string input = "-";  // "-": standard input
   bool help = false;
+  bool version = false;     // --version: print "qmtahost VERSION" and exit
 };
 
 // Reads the command line into `*options`. False, with `*error` set to a
