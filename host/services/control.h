@@ -39,6 +39,10 @@ QMTA_HOSTSVC_API void SetClockShift(std::chrono::nanoseconds shift);
 QMTA_HOSTSVC_API void RegisterLoadModule(const std::string& name, const std::string& path);
 
 // ---- Action threads --------------------------------------------------------
+// Action threads between zblercm and zblerdm right now.
+QMTA_HOSTSVC_API int64_t LiveActions();
+// Action threads that have called zblercm since the process started.
+QMTA_HOSTSVC_API int64_t StartedActions();
 // Waits until no action thread is live and none has started for the settle
 // time; false when `limit` passed first. An action thread is seen only from
 // its first call (zblercm), a moment after the event call that created it

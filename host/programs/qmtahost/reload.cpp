@@ -127,7 +127,7 @@ ReloadOutcome CheckedReload(bool force, const std::function<void()>& refresh,
   return outcome;
 }
 
-void ReloadFromInput(bool force, const std::function<void()>& refresh) {
+ReloadOutcome ReloadFromInput(bool force, const std::function<void()>& refresh) {
   ReloadOutcome outcome = CheckedReload(force, refresh);
   std::string reason = outcome.reason;  // one line, whatever the file held
   for (char& c : reason)
@@ -136,6 +136,7 @@ void ReloadFromInput(bool force, const std::function<void()>& refresh) {
     fprintf(stderr, "qmtahost: reload: %s; REFRESH sent\n", reason.c_str());
   else
     fprintf(stderr, "qmtahost: reload refused: %s; the running rules stay\n", reason.c_str());
+  return outcome;
 }
 
 }  // namespace qmta::hostprog
