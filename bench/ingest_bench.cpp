@@ -62,7 +62,8 @@ void Ours(benchmark::State& state, const Input* input) {
   for (auto _ : state)
     failed |= qmtabench::RunProgram(HostCommand(*input, input->events), "/dev/null", errors) != 0;
   if (failed) state.SkipWithError("qmtahost failed");
-  else if (!ReadAll(errors).empty()) state.SkipWithError("qmtahost complained");
+  else if (ReadAll(errors).find("qmtahost: stopped: ") != 0)  // the summary alone
+    state.SkipWithError("qmtahost complained");
   state.SetItemsProcessed(state.iterations() * input->lines);
 }
 
@@ -111,7 +112,8 @@ int main(int argc, char** argv) {
     const std::string err = dir->path() + "/sample-err";
     int status = qmtabench::RunProgram(HostCommand(input, dir->path() + "/sample"), out, err);
     std::string messages = ReadAll(out);
-    if (status != 0 || !ReadAll(err).empty() ||
+    // Standard error holds the summary line alone.
+    if (status != 0 || ReadAll(err).find("qmtahost: stopped: 1000 events, 0 actions") != 0 ||
         messages.find("QMTA093I") == std::string::npos ||
         messages.find("QMTA040I") != std::string::npos)
       throw std::runtime_error("ingest check: status " + std::to_string(status) + "\n" +

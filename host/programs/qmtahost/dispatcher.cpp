@@ -1,5 +1,6 @@
 #include "host/programs/qmtahost/dispatcher.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -69,37 +70,125 @@ std::future<ControlReply> Dispatcher::Submit(const std::string& text, const std:
 
 std::future<ControlReply> Dispatcher::Submit(InputLine line, const std::string& source,
                                              bool wantReply) {
-  Work work;
-  work.line = std::move(line);
-  if (wantReply) work.reply = std::make_shared<std::promise<ControlReply>>();
+  std::vector<Line> lines;
+  lines.push_back({std::move(line), 0});
   std::future<ControlReply> answer;
-  if (work.reply) answer = work.reply->get_future();
+  Enqueue(std::move(lines), source, wantReply ? &answer : nullptr);
+  return answer;
+}
 
-  std::string refused;
-  if (work.line.kind == InputLine::Kind::kError) {
-    refused = work.line.text;
-  } else if (work.line.kind == InputLine::Kind::kEvent && !allowAnyText_) {
-    refused = CheckEventText(work.line.event);
+void Dispatcher::SubmitLines(std::vector<Line> lines, const std::string& source) {
+  Enqueue(std::move(lines), source, nullptr);
+}
+
+void Dispatcher::SubmitText(std::string lines, long number, std::vector<long> tooLong) {
+  Work work;
+  work.raw = std::move(lines);
+  work.number = number;
+  work.tooLong = std::move(tooLong);
+  std::unique_lock<std::mutex> hold(mutex_);
+  if (queue_.size() >= kQueueMax && !closed_) {
+    ++roomWaiters_;
+    room_.wait(hold, [&] { return queue_.size() < kQueueMax || closed_; });
+    --roomWaiters_;
   }
-  if (work.line.kind == InputLine::Kind::kSkip) {
-    if (work.reply) work.reply->set_value(ControlReply{});
-    return answer;
+  if (closed_) {
+    counts_.refused.fetch_add(LineCount(work), std::memory_order_relaxed);
+    return;
   }
+  queue_.push_back(std::move(work));
+  if (dispatcherWaits_) queued_.notify_one();
+}
+
+size_t Dispatcher::LineCount(const Work& work) {
+  if (work.raw.empty()) return 1;
+  return static_cast<size_t>(std::count(work.raw.begin(), work.raw.end(), '\n'));
+}
+
+void Dispatcher::HandleText(Work& batch) {
+  std::string_view rest(batch.raw);
+  auto cut = batch.tooLong.begin();
+  for (long number = batch.number; !rest.empty(); ++number) {
+    size_t end = rest.find('\n');
+    std::string_view text = rest.substr(0, end);
+    rest.remove_prefix(end + 1);
+    Work work;
+    if (cut != batch.tooLong.end() && *cut == number) {
+      ++cut;
+      work.line = InputLine{InputLine::Kind::kError, {}, "line too long"};
+    } else {
+      work.line = ParseInputLine(text);
+    }
+    std::string refused;
+    if (work.line.kind == InputLine::Kind::kError) {
+      refused = work.line.text;
+    } else if (work.line.kind == InputLine::Kind::kEvent && !allowAnyText_) {
+      refused = CheckEventText(work.line.event);
+    }
+    if (!refused.empty())
+      Refuse(work, "line " + std::to_string(number), refused);
+    else if (work.line.kind != InputLine::Kind::kSkip)
+      Handle(work);
+  }
+}
+
+void Dispatcher::Refuse(Work& work, const std::string& source, const std::string& reason) {
+  counts_.refused.fetch_add(1, std::memory_order_relaxed);
+  host::Say("qmtahost: ", source + ": " + reason);
+  if (work.reply) work.reply->set_value(Refusal(reason));
+}
+
+void Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
+                         std::future<ControlReply>* answer) {
+  // "line 7" for a numbered line, else the source as it is.
+  auto where = [&](long number) {
+    return number > 0 ? source + " " + std::to_string(number) : source;
+  };
+  std::vector<Work> admitted;
+  admitted.reserve(lines.size());
+  std::vector<long> numbers;
+  numbers.reserve(lines.size());
+  for (Line& line : lines) {
+    Work work;
+    work.line = std::move(line.line);
+    if (answer != nullptr) {
+      work.reply = std::make_shared<std::promise<ControlReply>>();
+      *answer = work.reply->get_future();
+    }
+    std::string refused;
+    if (work.line.kind == InputLine::Kind::kError) {
+      refused = work.line.text;
+    } else if (work.line.kind == InputLine::Kind::kEvent && !allowAnyText_) {
+      refused = CheckEventText(work.line.event);
+    }
+    if (work.line.kind == InputLine::Kind::kSkip) {
+      if (work.reply) work.reply->set_value(ControlReply{});
+    } else if (!refused.empty()) {
+      Refuse(work, where(line.number), refused);
+    } else {
+      admitted.push_back(std::move(work));
+      numbers.push_back(line.number);
+    }
+  }
+  if (admitted.empty()) return;
   std::unique_lock<std::mutex> hold(mutex_);
   // A bounded queue: a source that reads faster than the module takes
   // lines waits here rather than filling memory.
-  if (refused.empty()) room_.wait(hold, [&] { return queue_.size() < kQueueMax || closed_; });
-  if (refused.empty() && closed_) refused = "the host is stopping";
-  if (!refused.empty()) {
-    hold.unlock();
-    counts_.refused.fetch_add(1, std::memory_order_relaxed);
-    host::Say("qmtahost: ", source + ": " + refused);
-    if (work.reply) work.reply->set_value(Refusal(refused));
-    return answer;
+  if (queue_.size() >= kQueueMax && !closed_) {
+    ++roomWaiters_;
+    room_.wait(hold, [&] { return queue_.size() < kQueueMax || closed_; });
+    --roomWaiters_;
   }
-  queue_.push_back(std::move(work));
-  queued_.notify_one();
-  return answer;
+  if (closed_) {
+    hold.unlock();
+    for (size_t i = 0; i < admitted.size(); ++i)
+      Refuse(admitted[i], where(numbers[i]), "the host is stopping");
+    return;
+  }
+  for (Work& work : admitted) queue_.push_back(std::move(work));
+  // The dispatcher takes the queue a batch at a time; it is woken only
+  // when it waits, which keeps a busy source from paying a wake-up per line.
+  if (dispatcherWaits_) queued_.notify_one();
 }
 
 size_t Dispatcher::Close(bool discard) {
@@ -111,22 +200,34 @@ size_t Dispatcher::Close(bool discard) {
     queued_.notify_all();
     room_.notify_all();
   }
-  for (Work& work : dropped)
+  size_t lines = 0;
+  for (Work& work : dropped) {
     if (work.reply) work.reply->set_value(Refusal("the host is stopping"));
-  counts_.refused.fetch_add(dropped.size(), std::memory_order_relaxed);
-  return dropped.size();
+    lines += LineCount(work);
+  }
+  counts_.refused.fetch_add(lines, std::memory_order_relaxed);
+  return lines;
 }
 
 void Dispatcher::Run() {
+  std::deque<Work> batch;
   for (;;) {
-    std::unique_lock<std::mutex> hold(mutex_);
-    queued_.wait(hold, [&] { return !queue_.empty() || closed_; });
-    if (queue_.empty()) return;
-    Work work = std::move(queue_.front());
-    queue_.pop_front();
-    room_.notify_one();
-    hold.unlock();
-    Handle(work);
+    {
+      std::unique_lock<std::mutex> hold(mutex_);
+      dispatcherWaits_ = true;
+      queued_.wait(hold, [&] { return !queue_.empty() || closed_; });
+      dispatcherWaits_ = false;
+      if (queue_.empty()) return;
+      batch.swap(queue_);
+      if (roomWaiters_ > 0) room_.notify_all();
+    }
+    for (Work& work : batch) {
+      if (work.raw.empty())
+        Handle(work);
+      else
+        HandleText(work);
+    }
+    batch.clear();
   }
 }
 

@@ -67,6 +67,20 @@ class Dispatcher {
                                    bool wantReply);
   // The same for a line already parsed (or refused: kind kError).
   std::future<ControlReply> Submit(InputLine line, const std::string& source, bool wantReply);
+  // Several parsed lines at once, in order, no answers: a source that has
+  // many lines at hand (an input file, an HTTP body) pays one queue round
+  // for them all.
+  // Refusals name `source` and the line's number ("line 7").
+  struct Line {
+    InputLine line;
+    long number = 0;  // 0: not numbered
+  };
+  void SubmitLines(std::vector<Line> lines, const std::string& source);
+  // Raw lines of an input file, each ended by '\n', the first being line
+  // `number` (those listed in `tooLong` were cut at the line limit and are
+  // refused). They are parsed and checked on the dispatcher thread, so
+  // that what a line allocates is freed by the thread that allocated it.
+  void SubmitText(std::string lines, long number, std::vector<long> tooLong);
 
   // Runs queued work until Close() was called and the queue is empty.
   void Run();
@@ -82,9 +96,18 @@ class Dispatcher {
  private:
   struct Work {
     InputLine line;
-    bool reload = false, force = false;
     std::shared_ptr<std::promise<ControlReply>> reply;  // null: no answer wanted
+    // A batch of raw input lines (SubmitText): each ended by '\n', the
+    // first numbered `number`; `tooLong` lists the lines that were cut.
+    std::string raw;
+    long number = 0;
+    std::vector<long> tooLong;
   };
+  void HandleText(Work& work);
+  static size_t LineCount(const Work& work);
+  void Enqueue(std::vector<Line> lines, const std::string& source,
+               std::future<ControlReply>* answer);
+  void Refuse(Work& work, const std::string& source, const std::string& reason);
   void Handle(Work& work);
   ControlReply Call(const std::function<void()>& call);
 
@@ -92,12 +115,14 @@ class Dispatcher {
   OutputRelay* relay_;
   bool allowAnyText_ = false;
 
-  std::mutex mutex_;  // guards queue_ and closed_
+  std::mutex mutex_;  // guards queue_, closed_ and the two wait flags below
   std::condition_variable queued_;
   std::condition_variable room_;
   static constexpr size_t kQueueMax = 1024;
   std::deque<Work> queue_;
   bool closed_ = false;
+  bool dispatcherWaits_ = false;  // the dispatcher sleeps on queued_
+  int roomWaiters_ = 0;           // sources sleeping on room_
 
   // Capture of the dispatcher's own messages. Marks are numbered by the
   // dispatcher thread: odd opens a capture, even closes it. `captured_`

@@ -22,21 +22,26 @@ size_t Utf8Length(std::string_view text) {
   return length;
 }
 
-// A name: no double quote, no control character, valid UTF-8.
-std::string CheckName(std::string_view text, const std::string& field) {
+// A name: no double quote, no control character, valid UTF-8. What is
+// wrong with it, or null.
+const char* NameProblem(std::string_view text) {
   for (size_t i = 0; i < text.size();) {
     unsigned char c = static_cast<unsigned char>(text[i]);
-    if (c == '"') return field + " holds a double quote";
-    if (Control(c)) return field + " holds a control character";
+    if (c < 0x80) {  // the common case, one byte
+      if (c == '"') return " holds a double quote";
+      if (Control(c)) return " holds a control character";
+      ++i;
+      continue;
+    }
     size_t length = Utf8Length(text.substr(i));
-    if (length == 0) return field + " is not valid UTF-8";
+    if (length == 0) return " is not valid UTF-8";
     i += length;
   }
-  return {};
+  return nullptr;
 }
 
-std::string CheckValue(std::string_view text, const std::string& field) {
-  return HasControlCharacter(text) ? field + " holds a control character" : std::string();
+const char* ValueProblem(std::string_view text) {
+  return HasControlCharacter(text) ? " holds a control character" : nullptr;
 }
 
 }  // namespace
@@ -48,16 +53,24 @@ bool HasControlCharacter(std::string_view text) {
 }
 
 std::string CheckEventText(const Event& event) {
-  std::string reason = CheckName(event.sitname, "\"sitname\"");
-  if (reason.empty()) reason = CheckName(event.originnode, "\"originnode\"");
-  if (reason.empty() && event.timestamp) reason = CheckName(*event.timestamp, "\"timestamp\"");
-  if (reason.empty() && event.threshold) reason = CheckValue(*event.threshold, "\"threshold\"");
-  for (size_t i = 0; reason.empty() && i < event.attributes.size(); ++i) {
-    const std::string field = "attribute " + std::to_string(i + 1);
-    reason = CheckName(event.attributes[i].first, field + " name");
-    if (reason.empty()) reason = CheckValue(event.attributes[i].second, field + " value");
+  // The field's name is put together only when something is wrong.
+  if (const char* problem = NameProblem(event.sitname)) return "\"sitname\"" + std::string(problem);
+  if (const char* problem = NameProblem(event.originnode))
+    return "\"originnode\"" + std::string(problem);
+  if (event.timestamp)
+    if (const char* problem = NameProblem(*event.timestamp))
+      return "\"timestamp\"" + std::string(problem);
+  if (event.threshold)
+    if (const char* problem = ValueProblem(*event.threshold))
+      return "\"threshold\"" + std::string(problem);
+  for (size_t i = 0; i < event.attributes.size(); ++i) {
+    auto field = [&] { return "attribute " + std::to_string(i + 1); };
+    if (const char* problem = NameProblem(event.attributes[i].first))
+      return field() + " name" + problem;
+    if (const char* problem = ValueProblem(event.attributes[i].second))
+      return field() + " value" + problem;
   }
-  return reason;
+  return {};
 }
 
 }  // namespace qmta::hostprog

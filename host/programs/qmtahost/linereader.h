@@ -26,6 +26,10 @@ class LineReader {
   // and `*tooLong` set.
   bool Next(std::string* line, bool* tooLong);
 
+  // Whether read input is still waiting in the buffer (so that the next
+  // line, or part of it, needs no read).
+  bool buffered() const { return next_ != end_; }
+
   // The error number of a failed read, 0 when none failed.
   int error() const { return error_; }
 

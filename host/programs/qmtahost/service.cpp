@@ -100,15 +100,25 @@ void ReadInput(FILE* input, int wake, const std::atomic<bool>* stopping, Dispatc
   LineReader reader(fileno(input), wake);
   std::string text;
   bool tooLong;
+  // The lines already read go on together, raw (the dispatcher parses
+  // them); a line still to come from a pipe never waits for its batch.
+  std::string batch;
+  std::vector<long> cut;
+  long first = 1;
   for (long number = 1; reader.Next(&text, &tooLong); ++number) {
     // A line cut short by the stop is not handed on.
-    if (stopping->load()) break;
-    // A cut line is refused whole: half a command is not the command
-    // that was written.
-    dispatcher->Submit(tooLong ? InputLine{InputLine::Kind::kError, {}, "line too long"}
-                               : ParseInputLine(text),
-                       "line " + std::to_string(number), false);
+    if (stopping->load()) return;
+    if (batch.empty()) first = number;
+    if (tooLong) cut.push_back(number);
+    batch.append(text);
+    batch += '\n';
+    if (batch.size() >= (1 << 16) || !reader.buffered()) {
+      dispatcher->SubmitText(std::move(batch), first, std::move(cut));
+      batch.clear();
+      cut.clear();
+    }
   }
+  if (!batch.empty()) dispatcher->SubmitText(std::move(batch), first, std::move(cut));
   if (reader.error() != 0) Say("error reading the input: " + host::ErrorText(reader.error()));
   stop->InputEnded();
 }
