@@ -59,6 +59,7 @@ constexpr char kHelp[] =
     "  --check                connect, subscribe, say whether the server lets this\n"
     "                         agent serve the nodes, and exit\n"
     "  -h, --help             print this help and exit\n"
+    "  --version              print the version and exit\n"
     "A request is never started once the time the host still waits for it has run\n"
     "out; a request the host stops waiting for has its program ended.\n"
     "Exit status: 0 stopped by SIGTERM or SIGINT (or --check passed), 1 no\n"
@@ -74,6 +75,7 @@ struct Options {
   std::vector<std::string> nodes;
   bool check = false;
   bool help = false;
+  bool version = false;
 };
 
 bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
@@ -96,6 +98,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       {"insecure", no_argument, nullptr, kInsecure},
       {"check", no_argument, nullptr, kCheck},
       {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'V'},
       {nullptr, 0, nullptr, 0},
   };
   opterr = 0;
@@ -123,6 +126,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       case kInsecure: options->settings.insecure = true; break;
       case kCheck: options->check = true; break;
       case 'h': options->help = true; break;
+      case 'V': options->version = true; break;
       case ':': *error = word + ": needs a value"; return false;
       case '?': *error = "unknown option \"" + word + "\""; return false;
       default: {
@@ -131,7 +135,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       }
     }
   }
-  if (options->help) return true;
+  if (options->help || options->version) return true;
   for (int i = optind; i < argc; ++i) options->nodes.push_back(argv[i]);
   if (options->actions.empty()) {
     *error = "--actions is required";
@@ -220,6 +224,10 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     fputs(kHelp, stdout);
+    return 0;
+  }
+  if (options.version) {
+    puts("qmtaagent " QMTA_VERSION);
     return 0;
   }
   return Run(options);
