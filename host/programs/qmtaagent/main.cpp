@@ -201,6 +201,8 @@ int Run(Options& options) {
     }
     if (signal == SIGTERM || signal == SIGINT)
       Say(std::string("stopping on ") + (signal == SIGTERM ? "SIGTERM" : "SIGINT"));
+    else if (signal == SIGUSR2)
+      Say("stopping: the server refuses this agent a subscription now");
   }
   agent->Stop();
   agent->Close();
