@@ -1,5 +1,5 @@
 // Fuzz target: what a remote agent and the host read from the network,
-// the request and reply messages and the node subjects. A message that
+// the request, reply and cancel messages and the node subjects. A message that
 // decodes encodes to one that decodes the same; a subject that names a
 // node is exactly that node's subject, and every node's subject names it.
 #include <stdint.h>
@@ -36,6 +36,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
               again.failed == reply.failed && again.status == reply.status &&
               again.codes == reply.codes,
           "a reply encoded again decodes the same");
+  }
+
+  wire::Cancel cancel;
+  if (wire::DecodeCancel(text, &cancel, &error)) {
+    wire::Cancel again;
+    Check(wire::DecodeCancel(wire::EncodeCancel(cancel), &again, &error) && again.id == cancel.id &&
+              again.reply == cancel.reply,
+          "a cancel encoded again decodes the same");
   }
 
   std::string node;

@@ -69,4 +69,23 @@ TEST(NatsWire, RepliesCarryCodesOrAStatus) {
     EXPECT_FALSE(DecodeReply(text, &back, &error)) << text;
 }
 
+TEST(NatsWire, CancelsAndTimesLeftAreReadStrictly) {
+  EXPECT_EQ(CancelSubject("web1:LZ"), "qmta.node.web1_3ALZ.cancel");
+  std::string node;
+  EXPECT_FALSE(SubjectNode(CancelSubject("web1:LZ"), &node));  // never a node's subject
+  Cancel cancel{4294967295u, "_INBOX.abc.12"}, back;
+  std::string error;
+  ASSERT_TRUE(DecodeCancel(EncodeCancel(cancel), &back, &error)) << error;
+  EXPECT_EQ(std::tie(back.id, back.reply), std::tie(cancel.id, cancel.reply));
+  for (const std::string& text : std::vector<std::string>{"QMTA1 CANCEL 1", "QMTA1 CANCEL 1 a b",
+                                                          "QMTA1 CANCEL -1 a", "QMTA1 CANCEL 1 a\n",
+                                                          "QMTA1 CANCEL 1 " + std::string(256, 'a')})
+    EXPECT_FALSE(DecodeCancel(text, &back, &error)) << text;
+  int64_t ms = -1;
+  EXPECT_TRUE(DecodeTimeLeft("0", &ms) && ms == 0);
+  EXPECT_TRUE(DecodeTimeLeft("86400000", &ms) && ms == 86400000);
+  for (const char* text : {"", "-1", "86400001", "1.5", " 1", "1s"})
+    EXPECT_FALSE(DecodeTimeLeft(text, &ms)) << text;
+}
+
 }  // namespace

@@ -16,9 +16,11 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <nats/nats.h>
 
 #include "tests/support/support.h"
 
@@ -109,6 +111,7 @@ class Child {
     pid_ = -1;
     return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
+  pid_t pid() const { return pid_; }
   void Kill(int signal) {
     if (pid_ < 0) return;
     kill(pid_, signal);
@@ -123,7 +126,10 @@ class Child {
 // nats-server on 127.0.0.1 and a free port, with a configuration file.
 class Server {
  public:
-  bool Start(const std::string& dir, const std::string& extra = "") {
+  // By default the server knows one user, "qmta" with password "pw", who
+  // may do anything.
+  bool Start(const std::string& dir,
+             const std::string& extra = "authorization { users = [ {user: qmta, password: pw} ] }\n") {
     dir_ = dir;
     if (port_ == 0) {
       int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -159,11 +165,77 @@ class Server {
   Child process_;
 };
 
+// A client of the test's own: stands in for a host or an agent of either
+// version, with synchronous subscriptions.
+class Client {
+ public:
+  ~Client() {
+    for (natsSubscription* one : subscriptions_) natsSubscription_Destroy(one);
+    natsConnection_Destroy(connection_);
+  }
+  bool Connect(const std::string& url) {
+    natsOptions* options = nullptr;
+    natsOptions_Create(&options);
+    natsOptions_SetURL(options, url.c_str());
+    natsOptions_SetUserInfo(options, "qmta", "pw");
+    natsStatus s = natsConnection_Connect(&connection_, options);
+    natsOptions_Destroy(options);
+    return s == NATS_OK;
+  }
+  natsSubscription* Subscribe(const std::string& subject) {
+    natsSubscription* one = nullptr;
+    if (natsConnection_SubscribeSync(&one, connection_, subject.c_str()) != NATS_OK) return nullptr;
+    natsSubscription_SetPendingLimits(one, -1, -1);
+    natsConnection_Flush(connection_);
+    subscriptions_.push_back(one);
+    return one;
+  }
+  // The next message's data (and reply subject, time-left header), or ""
+  // after `limit`.
+  std::string Next(natsSubscription* from, std::chrono::milliseconds limit, std::string* reply = nullptr,
+                   std::string* timeLeft = nullptr) {
+    natsMsg* message = nullptr;
+    if (natsSubscription_NextMsg(&message, from, static_cast<int64_t>(limit.count())) != NATS_OK) return "";
+    std::string data(natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message)));
+    const char* value = nullptr;
+    if (reply) *reply = natsMsg_GetReply(message) ? natsMsg_GetReply(message) : "";
+    if (timeLeft) *timeLeft = natsMsgHeader_Get(message, "Qmta-Time-Left", &value) == NATS_OK ? value : "";
+    natsMsg_Destroy(message);
+    return data;
+  }
+  // Publishes `data`, with a time-left header unless `timeLeft` is empty.
+  void Send(const std::string& subject, const std::string& reply, const std::string& data,
+            const std::string& timeLeft = "") {
+    natsMsg* message = nullptr;
+    natsMsg_Create(&message, subject.c_str(), reply.empty() ? nullptr : reply.c_str(), data.data(),
+                   static_cast<int>(data.size()));
+    if (!timeLeft.empty()) natsMsgHeader_Set(message, "Qmta-Time-Left", timeLeft.c_str());
+    EXPECT_EQ(natsConnection_PublishMsg(connection_, message), NATS_OK);
+    natsMsg_Destroy(message);
+  }
+  void Flush() { natsConnection_Flush(connection_); }
+
+ private:
+  natsConnection* connection_ = nullptr;
+  std::vector<natsSubscription*> subscriptions_;
+};
+
+std::string RequestText(int id, const std::string& node, const std::string& command) {
+  return "QMTA1 REQ " + std::to_string(id) + " 0 " + std::to_string(node.size()) + " " +
+         std::to_string(command.size()) + "\n" + node + command;
+}
+
 class Remote : public ::testing::Test {
  protected:
   void SetUp() override {
     if (ServerProgram().empty()) GTEST_SKIP() << "nats-server is not installed (tools/setup installs it)";
     std::filesystem::create_directories(Path("actions"));
+    Write("client.pw", "pw\n", 0600);
+    creds_ = {"--user", "qmta", "--password-file", Path("client.pw")};
+  }
+  // The credentials of the host's destination lines.
+  std::string Auth() const {
+    return creds_.empty() ? "" : " user=qmta password-file=" + Path("client.pw");
   }
   std::string Path(const std::string& name) const { return dir_.path() + "/" + name; }
   void Write(const std::string& name, const std::string& content, mode_t mode = 0644) {
@@ -176,8 +248,10 @@ class Remote : public ::testing::Test {
   // The agent's command line for this server and the actions directory.
   std::vector<std::string> AgentWords(std::vector<std::string> args,
                                       const std::vector<std::string>& more = {}) const {
-    args.insert(args.begin(), {QMTAAGENT_PATH, "--url", server_.Url(), "--actions",
-                               Path("actions"), "--reconnect-wait", "50"});
+    if (std::find(args.begin(), args.end(), "--reconnect-wait") == args.end())
+      args.insert(args.begin(), {"--reconnect-wait", "50"});
+    args.insert(args.begin(), creds_.begin(), creds_.end());
+    args.insert(args.begin(), {QMTAAGENT_PATH, "--url", server_.Url(), "--actions", Path("actions")});
     args.insert(args.end(), more.begin(), more.end());
     return args;
   }
@@ -238,6 +312,7 @@ class Remote : public ::testing::Test {
 
   qmtatest::ScratchDir dir_;
   Server server_;
+  std::vector<std::string> creds_;  // the agents' credentials options
 };
 
 TEST_F(Remote, ActionsRunOnTheAgentsOfTheirNodesOrFindNoneThere) {
@@ -247,23 +322,39 @@ TEST_F(Remote, ActionsRunOnTheAgentsOfTheirNodesOrFindNoneThere) {
         "SITNAME=Two DESTNODE=db.2>x SCRIPT=code ARG1=a;\n"
         "SITNAME=Fail DESTNODE=web1:LZ SCRIPT=/bin/sh ARG1=a;\n"
         "SITNAME=Gone DESTNODE=SYS1:MVS_ACTIONS SCRIPT=code;\n"
-        "SITNAME=Lost DESTNODE=nowhere:N SCRIPT=code;\n");
+        "SITNAME=Lost DESTNODE=nowhere:N SCRIPT=code;\n"
+        "SITNAME=Old DESTNODE=old:N SCRIPT=code;\n");
   Action("args", "printf '%s\\0' \"$@\" > argv.$QMTA_REQUESTID\n"
                  "echo \"$QMTA_REQUESTID $QMTA_CALLTYPE $QMTA_NODE $PATH\"");
   Action("code", "echo \"node $QMTA_NODE\"; exit $1");
   Child one, two, host;
   StartAgent(one, "one", {"--dir", dir_.path(), "web1:LZ"});
   StartAgent(two, "two", {"--dir", dir_.path(), "db.2>x", "db_2E2_3Ex"});
-  StartHost(host, "* nats url=" + server_.Url() + "\n");
+  // old:N is served by an agent of the previous version (it knows no
+  // time left and no cancel), with a forged reply before its own.
+  Client old;
+  ASSERT_TRUE(old.Connect(server_.Url()));
+  natsSubscription* requests = old.Subscribe("qmta.node.old_3AN");
+  StartHost(host, "* nats url=" + server_.Url() + Auth() + "\n");
   host.Send(Event("One", R"j([["a", "$(touch x)"], ["b", "`touch y`; touch z"], ["c", "a\"b c"]])j") +
             Event("Two", R"([["a", "7"]])") + Event("Fail", R"([["a", "touch x"]])") + Event("Gone") +
-            Event("Lost"));
+            Event("Lost") + Event("Old"));
+  std::string reply, timeLeft;
+  EXPECT_TRUE(old.Next(requests, 5s, &reply, &timeLeft).starts_with("QMTA1 REQ 6 0 5 "));
+  // The module waits 60 s from the open: a little less is left.
+  int64_t left = timeLeft.empty() ? -1 : std::stoll(timeLeft);
+  EXPECT_TRUE(left > 50000 && left <= 60000) << timeLeft;
+  old.Send(reply, "", "QMTA1 RC 7 0");
+  old.Send(reply, "", "QMTA1 RC 6 9");
   EXPECT_EQ(host.Finish(), 0);
 
   EXPECT_EQ(Matching("QMTA050I"),
             (Lines{"QMTA050I ACTION COMPLETED FOR SITNAME=Fail DESTNODE=web1:LZ STATE=1 RC=127 REQUESTID=3",
+                   "QMTA050I ACTION COMPLETED FOR SITNAME=Old DESTNODE=old:N STATE=1 RC=9 REQUESTID=6",
                    "QMTA050I ACTION COMPLETED FOR SITNAME=One DESTNODE=web1:LZ STATE=1 RC=0 REQUESTID=1",
                    "QMTA050I ACTION COMPLETED FOR SITNAME=Two DESTNODE=db.2>x STATE=1 RC=7 REQUESTID=2"}));
+  EXPECT_TRUE(Contains(Path("host.err"), "qmtahost: nats: refused a reply on " + reply +
+                                             " for request 6 that names request 7 (1 refused so far)"));
   EXPECT_EQ(Matching("QMTA051W"),
             Lines{"QMTA051W DESTNODE=SYS1:MVS_ACTIONS OFFLINE FOR SITNAME=Gone ORIGINNODE=o STATE=1 REQUESTID=4"});
   EXPECT_EQ(Matching("QMTA030E"), Lines{"QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=2020"});
@@ -279,37 +370,54 @@ TEST_F(Remote, ActionsRunOnTheAgentsOfTheirNodesOrFindNoneThere) {
   EXPECT_FALSE(Contains(Path("two.err"), "refused a request"));
 }
 
-TEST_F(Remote, AnAgentThatDiesOrAnswersLateLeavesTheModuleToItsTimeOut) {
+TEST_F(Remote, WhatTheModuleGivesUpOnIsEndedOrNeverStartedAndItsLateAnswerDropped) {
   ASSERT_TRUE(server_.Start(dir_.path()));
   Write("QMTASITR",
         "SITNAME=Slow DESTNODE=a:N SCRIPT=slow;\n"
+        "SITNAME=Queued DESTNODE=a:N SCRIPT=queued;\n"
         "SITNAME=Hang DESTNODE=b:N SCRIPT=hang;\n"
+        "SITNAME=Late DESTNODE=old:N SCRIPT=late;\n"
         "SITNAME=Quick DESTNODE=a:N SCRIPT=quick;\n");
-  Action("slow", "sleep 4");
+  Action("slow", "trap '' TERM; echo $$ > slow.pid; exec sleep 30");  // lasts until SIGKILL
+  Action("queued", "touch queued.ran");
   Action("hang", "echo started; echo $$ > hang.pid; exec sleep 30");
   Action("quick", "exit 5");
   Child a, b, host;
-  StartAgent(a, "a", {"--dir", dir_.path(), "a:N"});
+  StartAgent(a, "a", {"--dir", dir_.path(), "--max", "1", "a:N"});
   StartAgent(b, "b", {"--dir", dir_.path(), "b:N"});
+  Client old;  // an agent of the previous version, which answers late
+  ASSERT_TRUE(old.Connect(server_.Url()));
+  natsSubscription* requests = old.Subscribe("qmta.node.old_3AN");
   // The module's 60-second wait becomes 2 seconds.
-  StartHost(host, "* nats url=" + server_.Url() + "\n", {"--clock-shift", "-58"});
-  auto begin = Clock::now();
-  host.Send(Event("Slow") + Event("Hang"));
-  ASSERT_TRUE(WaitFor("b.err", "[2] started"));
+  StartHost(host, "* nats url=" + server_.Url() + Auth() + "\n", {"--clock-shift", "-58"});
+  host.Send(Event("Slow"));
+  ASSERT_TRUE(WaitUntil([&] { return !ReadFile(Path("slow.pid")).empty(); }, 5s));
+  host.Send(Event("Queued") + Event("Hang") + Event("Late"));
+  ASSERT_TRUE(WaitFor("b.err", "started"));
   b.Kill(SIGKILL);
   pid_t orphan = std::stoi(ReadFile(Path("hang.pid")));
   kill(-orphan, SIGKILL);
-  ASSERT_TRUE(WaitUntil([&] { return Matching("QMTA042E").size() == 2; }, 10s));
-  // The late reply of the slow action (after 4 s) finds its request closed.
-  ASSERT_TRUE(WaitUntil([&] { return Clock::now() - begin > 4500ms; }, 6s));
+  std::string reply;
+  ASSERT_NE(old.Next(requests, 5s, &reply), "");
+  ASSERT_TRUE(WaitUntil([&] { return Matching("QMTA042E").size() == 4; }, 10s));
+  old.Send(reply, "", "QMTA1 RC 4 0");
+  // The host's cancel ends the slow program; the queued one is never
+  // started, and the node takes actions again.
+  pid_t slow = std::stoi(ReadFile(Path("slow.pid")));
+  EXPECT_TRUE(WaitUntil([&] { return kill(slow, 0) == -1; }, 5s));
   host.Send(Event("Quick"));
   EXPECT_EQ(host.Finish(), 0);
   EXPECT_EQ(Matching("QMTA042E"),
-            (Lines{"QMTA042E NO RESPONSE FROM DESTNODE=a:N FOR SITNAME=Slow ORIGINNODE=o STATE=1 ERRNO=0 REQUESTID=1",
-                   "QMTA042E NO RESPONSE FROM DESTNODE=b:N FOR SITNAME=Hang ORIGINNODE=o STATE=1 ERRNO=0 REQUESTID=2"}));
+            (Lines{"QMTA042E NO RESPONSE FROM DESTNODE=a:N FOR SITNAME=Queued ORIGINNODE=o STATE=1 ERRNO=0 REQUESTID=2",
+                   "QMTA042E NO RESPONSE FROM DESTNODE=a:N FOR SITNAME=Slow ORIGINNODE=o STATE=1 ERRNO=0 REQUESTID=1",
+                   "QMTA042E NO RESPONSE FROM DESTNODE=b:N FOR SITNAME=Hang ORIGINNODE=o STATE=1 ERRNO=0 REQUESTID=3",
+                   "QMTA042E NO RESPONSE FROM DESTNODE=old:N FOR SITNAME=Late ORIGINNODE=o STATE=1 ERRNO=0 REQUESTID=4"}));
   EXPECT_EQ(Matching("QMTA050I"),
-            Lines{"QMTA050I ACTION COMPLETED FOR SITNAME=Quick DESTNODE=a:N STATE=1 RC=5 REQUESTID=3"});
-  EXPECT_LT(Clock::now() - begin, 15s);
+            Lines{"QMTA050I ACTION COMPLETED FOR SITNAME=Quick DESTNODE=a:N STATE=1 RC=5 REQUESTID=5"});
+  EXPECT_TRUE(Contains(Path("a.err"), "qmtaagent: request 1 of \"a:N\" cancelled by the host; ending its program"));
+  EXPECT_TRUE(Contains(Path("a.err"), "[1] request closed; ending the program"));
+  EXPECT_TRUE(Contains(Path("a.err"), "qmtaagent: request 2 of \"a:N\" ")) << ReadFile(Path("a.err"));
+  EXPECT_FALSE(std::filesystem::exists(Path("queued.ran")));
 }
 
 TEST_F(Remote, TheServerGoingAwayFailsOpenRequestsAndBothSidesComeBack) {
@@ -317,27 +425,34 @@ TEST_F(Remote, TheServerGoingAwayFailsOpenRequestsAndBothSidesComeBack) {
   Write("QMTASITR", "SITNAME=Run DESTNODE=a:N SCRIPT=run ARG1=a;\n");
   Action("run", "echo started $1; [ \"$1\" = wait ] && sleep 2; exit 3");
   Child agent, host;
-  StartAgent(agent, "agent", {"--dir", dir_.path(), "a:N"});
-  StartHost(host, "a:* nats url=" + server_.Url() + " reconnect-wait=50\n");
+  // The agent comes back well after the host.
+  StartAgent(agent, "agent", {"--dir", dir_.path(), "--reconnect-wait", "2000", "a:N"});
+  StartHost(host, "a:* nats url=" + server_.Url() + " reconnect-wait=50" + Auth() + "\n");
   host.Send(Event("Run", R"([["a", "now"]])"));
   ASSERT_TRUE(WaitUntil([&] { return Matching("QMTA050I").size() == 1; }, 5s));
   host.Send(Event("Run", R"([["a", "wait"]])"));
   ASSERT_TRUE(WaitFor("agent.err", "[2] started wait"));
   auto stopped = Clock::now();
   server_.Stop();
-  // Reported at once, not after the module's 60-second wait.
+  // Reported at once, not after the module's 60-second wait; and so is an
+  // action started while there is no connection, which is never sent later.
   ASSERT_TRUE(WaitUntil([&] { return Matching("QMTA030E").size() == 1; }, 5s));
+  host.Send(Event("Run", R"([["a", "down"]])"));
+  ASSERT_TRUE(WaitUntil([&] { return Matching("QMTA030E").size() == 2; }, 5s));
   EXPECT_LT(Clock::now() - stopped, 5s);
   ASSERT_TRUE(server_.Start(dir_.path()));
-  ASSERT_TRUE(WaitFor("agent.err", "qmtaagent: connected again"));
   ASSERT_TRUE(WaitFor("host.err", "qmtahost: nats: connected again"));
+  // No agent serves the node yet: the action is tried again once the
+  // settle time after the reconnection has passed, and then runs.
+  ASSERT_FALSE(Contains(Path("agent.err"), "qmtaagent: connected again"));
   host.Send(Event("Run", R"([["a", "again"]])"));
-  EXPECT_EQ(host.Finish(), 0);
-  EXPECT_EQ(Matching("QMTA030E"), Lines{"QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=2020"});
+  EXPECT_EQ(host.Finish(), 0) << ReadFile(Path("host.err"));
+  EXPECT_EQ(Matching("QMTA030E"), Lines(2, "QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=2020"));
   EXPECT_EQ(Matching("QMTA050I"),
             (Lines{"QMTA050I ACTION COMPLETED FOR SITNAME=Run DESTNODE=a:N STATE=1 RC=3 REQUESTID=1",
-                   "QMTA050I ACTION COMPLETED FOR SITNAME=Run DESTNODE=a:N STATE=1 RC=3 REQUESTID=3"}));
+                   "QMTA050I ACTION COMPLETED FOR SITNAME=Run DESTNODE=a:N STATE=1 RC=3 REQUESTID=4"}));
   EXPECT_TRUE(Contains(Path("agent.err"), "qmtaagent: lost the connection to the server; reconnecting"));
+  EXPECT_FALSE(Contains(Path("agent.err"), "started down"));
 }
 
 TEST_F(Remote, AgentStopsOnSigtermEndingItsPrograms) {
@@ -346,7 +461,7 @@ TEST_F(Remote, AgentStopsOnSigtermEndingItsPrograms) {
   Action("hang", "echo $$ > hang.pid; echo started; exec sleep 30");
   Child agent, host;
   StartAgent(agent, "agent", {"--dir", dir_.path(), "a:N"});
-  StartHost(host, "* nats url=" + server_.Url() + "\n");
+  StartHost(host, "* nats url=" + server_.Url() + Auth() + "\n");
   host.Send(Event("Hang"));
   ASSERT_TRUE(WaitFor("agent.err", "[1] started"));
   pid_t program = std::stoi(ReadFile(Path("hang.pid")));
@@ -361,13 +476,56 @@ TEST_F(Remote, AgentStopsOnSigtermEndingItsPrograms) {
   EXPECT_TRUE(Contains(Path("agent.err"), "qmtaagent: stopping on SIGTERM"));
 }
 
-TEST_F(Remote, PermissionsKeepAnAgentToItsOwnNodes) {
+TEST_F(Remote, AnAgentsQueueIsBoundedAndNeverStartsARequestWhoseTimeRanOut) {
+  ASSERT_TRUE(server_.Start(dir_.path()));
+  Action("hold", "sleep 1.5; exit 7");
+  Action("mark", "touch ran.$QMTA_REQUESTID");
+  Child agent;
+  StartAgent(agent, "agent", {"--dir", dir_.path(), "--max", "1", "--queue", "2", "q:N"});
+  auto peakKb = [&] {  // the agent's peak resident memory
+    std::string status = ReadFile("/proc/" + std::to_string(agent.pid()) + "/status");
+    size_t at = status.find("VmHWM:");
+    return at == std::string::npos ? -1L : std::stol(status.substr(at + 6));
+  };
+  const long before = peakKb();
+  Client host;  // sends requests as the nats driver does, or as its previous version
+  ASSERT_TRUE(host.Connect(server_.Url()));
+  natsSubscription* replies = host.Subscribe("reply.>");
+  // 1 runs; 2, with 300 ms left, and 3, without a time left (a host of the
+  // previous version), wait; beyond them a flood of 30 KB requests is
+  // answered at once, and takes no memory.
+  const std::string node = "qmta.node.q_3AN";
+  host.Send(node, "reply.1", RequestText(1, "q:N", "hold"), "20000");
+  host.Send(node, "reply.2", RequestText(2, "q:N", "mark"), "300");
+  host.Send(node, "reply.3", RequestText(3, "q:N", "mark"));
+  const int kFlood = 3000;
+  const std::string big = "mark " + std::string(30000, 'x');
+  for (int id = 4; id < 4 + kFlood; ++id)
+    host.Send(node, "reply." + std::to_string(id), RequestText(id, "q:N", big), "20000");
+  host.Flush();
+  std::multiset<std::string> got, expected = {"QMTA1 RC 1 7", "QMTA1 RC 3 0"};
+  for (int id = 4; id < 4 + kFlood; ++id) expected.insert("QMTA1 STATUS " + std::to_string(id) + " 2021");
+  for (std::string answer; got.size() < expected.size() && !(answer = host.Next(replies, 5s)).empty();)
+    got.insert(answer);
+  EXPECT_TRUE(got == expected) << got.size() << " answers";
+  EXPECT_EQ(host.Next(replies, 300ms), "");  // none for 2
+  EXPECT_LT(peakKb() - before, 16 * 1024) << before << " kB before, " << peakKb() << " kB at most";
+  EXPECT_FALSE(std::filesystem::exists(Path("ran.2")));
+  EXPECT_TRUE(std::filesystem::exists(Path("ran.3")));
+  for (const std::string text :
+       {"qmtaagent: node \"q:N\": 2 request(s) wait already; answering further ones with status 2021",
+        "qmtaagent: request 2 of \"q:N\" not started: its time ran out while it waited",
+        "qmtaagent: node \"q:N\": room in the queue again; 3000 request(s) were answered with status 2021"})
+    EXPECT_TRUE(Contains(Path("agent.err"), text)) << text;
+}
+
+TEST_F(Remote, CredentialsAndPermissionsDecideWhoServesANode) {
   ASSERT_TRUE(server_.Start(
       dir_.path(),
       "authorization {\n  users = [\n"
       "    {user: host, password: hostpw, permissions: {publish: \"qmta.node.>\", subscribe: \"_INBOX.>\"}}\n"
-      "    {user: agenta, password: agentpw, permissions: {subscribe: \"qmta.node.a_3AN\", "
-      "publish: {deny: \">\"}, allow_responses: true}}\n"
+      "    {user: agenta, password: agentpw, permissions: {subscribe: [\"qmta.node.a_3AN\", "
+      "\"qmta.node.a_3AN.cancel\"], publish: {deny: \">\"}, allow_responses: true}}\n"
       "  ]\n}\n"));
   Write("QMTASITR",
         "SITNAME=Own DESTNODE=a:N SCRIPT=code;\n"
@@ -376,26 +534,46 @@ TEST_F(Remote, PermissionsKeepAnAgentToItsOwnNodes) {
   Write("agent.pw", "agentpw\n", 0600);
   Write("host.pw", "hostpw\n", 0600);
   Write("wrong.pw", "nope\n", 0600);
+  creds_.clear();
+  auto as = [&](const std::string& password, std::vector<std::string> more) {
+    more.insert(more.begin(), {"--user", "agenta", "--password-file", Path(password)});
+    return more;
+  };
   Child agent, host;
-  StartAgent(agent, "agent", {"--user", "agenta", "--password-file", Path("agent.pw"), "a:N", "b:N"});
-  EXPECT_TRUE(WaitFor("agent.err", "qmta.node.b_3AN")) << ReadFile(Path("agent.err"));
-  EXPECT_TRUE(WaitFor("agent.err", "Permissions Violation for Subscription to \"qmta.node.b_3AN\""))
-      << ReadFile(Path("agent.err"));
+  StartAgent(agent, "agent", as("agent.pw", {"a:N"}));
+  // What the agent says and its exit status: a check, an agent the server
+  // refuses a node (it never says it serves it), a wrong password, and no
+  // credentials (refused unless --insecure; the server then refuses it).
+  const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
+      {as("agent.pw", {"--check", "a:N"}), 0, "qmtaagent: check: may serve node \"a:N\" on qmta.node.a_3AN\n"},
+      {as("agent.pw", {"a:N", "b:N"}), 3, "Permissions Violation for Subscription to \"qmta.node.b_3AN"},
+      {as("agent.pw", {"--check", "b:N"}), 3, "Permissions Violation for Subscription to \"qmta.node.b_3AN"},
+      {as("wrong.pw", {"--check", "a:N"}), 1, "Authentication Violation"},
+      {{"a:N"}, 2, "qmtaagent: no client credentials"},
+      {{"--insecure", "--check", "a:N"}, 1, "Authentication Violation"}};
+  for (const auto& [args, status, text] : cases) {
+    Child one;
+    ASSERT_TRUE(one.Spawn(AgentWords(args), Path("one.out"), Path("one.err")));
+    EXPECT_EQ(one.Finish(10s), status) << args[0];
+    EXPECT_TRUE(Contains(Path("one.err"), text)) << ReadFile(Path("one.err"));
+    if (status) {
+      EXPECT_FALSE(Contains(Path("one.err"), "serving")) << ReadFile(Path("one.err"));
+    }
+  }
+  // A host line without credentials is refused too, unless it says insecure.
+  Child bare;
+  Write("nodes", "* nats url=" + server_.Url() + "\n");
+  ASSERT_TRUE(bare.Spawn({QMTAHOST_PATH, "--dir", dir_.path(), "--nodes", Path("nodes")}, Path("bare.out"),
+                         Path("bare.err")));
+  EXPECT_EQ(bare.Finish(), 2) << ReadFile(Path("bare.err"));
+  EXPECT_TRUE(Contains(Path("bare.err"), "nodes: line 1: nats: no client credentials"));
+
   StartHost(host, "* nats url=" + server_.Url() + " user=host password-file=" + Path("host.pw") + "\n");
   host.Send(Event("Own") + "{\"drain\": true}\n" + Event("Other"));
   EXPECT_EQ(host.Finish(), 0);
   EXPECT_EQ(Matching("QMTA050I"),
             Lines{"QMTA050I ACTION COMPLETED FOR SITNAME=Own DESTNODE=a:N STATE=1 RC=4 REQUESTID=1"});
   EXPECT_EQ(Matching("QMTA030E"), Lines{"QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=2020"});
-
-  // A wrong password never gets a connection.
-  Child wrong;
-  ASSERT_TRUE(wrong.Spawn(AgentWords({"--user", "agenta", "--password-file", Path("wrong.pw"), "a:N"}),
-                          Path("wrong.out"), Path("wrong.err")));
-  EXPECT_TRUE(WaitFor("wrong.err", "still trying")) << ReadFile(Path("wrong.err"));
-  EXPECT_FALSE(WaitFor("wrong.err", "qmtaagent: connected", 500ms));
-  wrong.Kill(SIGTERM);
-  wrong.Finish(5s);
 }
 
 TEST_F(Remote, TlsCarriesActionsBetweenClientsThatTrustEachOther) {
@@ -412,6 +590,7 @@ TEST_F(Remote, TlsCarriesActionsBetweenClientsThatTrustEachOther) {
   MakeCertificate("client", "ca", "client");
   MakeCertificate("stranger", "other", "client");
   if (HasFatalFailure()) return;
+  creds_.clear();  // the client certificates are the credentials
   server_.RequireTls();
   ASSERT_TRUE(server_.Start(dir_.path(), "tls {\n  cert_file: \"" + Path("server.pem") + "\"\n  key_file: \"" +
                                              Path("server.key") + "\"\n  ca_file: \"" + Path("ca.pem") +
@@ -424,7 +603,10 @@ TEST_F(Remote, TlsCarriesActionsBetweenClientsThatTrustEachOther) {
   Action("code", "echo \"ran $QMTA_NODE\"; exit 6");
   auto client = [&](const std::string& ca, const std::string& cert) {
     std::vector<std::string> words = {"--tls-ca", Path(ca + ".pem")};
-    if (!cert.empty()) words.insert(words.end(), {"--tls-cert", Path(cert + ".pem"), "--tls-key", Path(cert + ".key")});
+    if (cert.empty())
+      words.push_back("--insecure");  // no credentials at all
+    else
+      words.insert(words.end(), {"--tls-cert", Path(cert + ".pem"), "--tls-key", Path(cert + ".key")});
     return words;
   };
   Child good, host;
@@ -445,7 +627,7 @@ TEST_F(Remote, TlsCarriesActionsBetweenClientsThatTrustEachOther) {
   // or shows no client certificate: its nodes are offline.
   auto line = [&](const std::string& pattern, const std::string& ca, const std::string& cert) {
     std::string text = pattern + " nats url=" + server_.Url() + " tls-ca=" + Path(ca + ".pem");
-    if (!cert.empty()) text += " tls-cert=" + Path(cert + ".pem") + " tls-key=" + Path(cert + ".key");
+    text += cert.empty() ? " insecure" : " tls-cert=" + Path(cert + ".pem") + " tls-key=" + Path(cert + ".key");
     return text + "\n";
   };
   StartHost(host, line("x:*", "other", "client") + line("y:*", "ca", "") + line("*", "ca", "client"));
@@ -476,7 +658,7 @@ TEST(RemoteAgent, HelpAndUsageErrors) {
       {{"--actions", "/", "a"}, 2, "qmtaagent: no url"},
       {{"--url", "nats://127.0.0.1:1", "--actions", "/", "--user", "u", "a"}, 2,
        "qmtaagent: user and password-file go together"},
-      {{"--url", "nats://127.0.0.1:1", "--actions", "/", "--timeout", "0", "a"}, 2,
+      {{"--url", "nats://127.0.0.1:1", "--actions", "/", "--insecure", "--timeout", "0", "a"}, 2,
        "qmtaagent: local: bad timeout"},
       {{"--bogus"}, 2, "qmtaagent: unknown option \"--bogus\""},
   };

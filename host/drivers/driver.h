@@ -10,6 +10,7 @@
 
 #include <stdint.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -29,6 +30,10 @@ struct Action {
   int32_t callType = 0;
   std::string destination;  // ORIGINNODE parameter (the destination node)
   EventTable table = EventTable::kRmEvents;
+  // When the caller stops waiting for the outcome (the module: 60 seconds
+  // after the open, by its clock); max() when not known. A driver need not
+  // start the action after it.
+  std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
 };
 
 // The outcome of one open, handed to its driver. Thread-safe; the first of

@@ -31,6 +31,7 @@ std::atomic<int64_t> clockShift{0};  // nanoseconds
 namespace qmta::host {
 
 void SetClockShift(std::chrono::nanoseconds shift) { clockShift.store(shift.count()); }
+std::chrono::nanoseconds ClockShift() { return std::chrono::nanoseconds(clockShift.load()); }
 
 }  // namespace qmta::host
 

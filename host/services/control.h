@@ -35,6 +35,7 @@ QMTA_HOSTSVC_API void SetServerName(const std::string& name);
 QMTA_HOSTSVC_API std::string ServerName();
 // Shifts SVC1_GetTime by `shift` from the realtime clock (may be negative).
 QMTA_HOSTSVC_API void SetClockShift(std::chrono::nanoseconds shift);
+QMTA_HOSTSVC_API std::chrono::nanoseconds ClockShift();
 // Maps a load-module name to a shared-library file for LDR1_FindEntry.
 QMTA_HOSTSVC_API void RegisterLoadModule(const std::string& name, const std::string& path);
 

@@ -9,6 +9,7 @@
 #include <string.h>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -28,6 +29,9 @@ namespace {
 
 constexpr int16_t kDefaultCommandLength = 600;
 constexpr int16_t kOriginNodeLength = 32;
+// How long the module waits for an open's completion, by its clock (which
+// the clock shift moves against the real one).
+constexpr std::chrono::seconds kCallerWait{60};
 constexpr const char* kVxStatement =
     "SELECT RESULTS FROM QVX.VXEVENTS WHERE REQUESTID=? OR  "
     "(COMMAND=? AND CALLTYPE=? AND ORIGINNODE=?)";
@@ -379,6 +383,9 @@ QMTA_HOSTSVC_API int32_t DBQ1_OpenRequest(DBQ1_Handle request, DBQ1_Sqlda* input
     qmta::host::Action action;
     status = ReadAction(*input, found->table(), &action);
     if (status != DBQ1_OK) return status;
+    action.deadline = std::chrono::steady_clock::now() + kCallerWait +
+                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                          qmta::host::ClockShift());
     std::shared_ptr<qmta::host::Driver> driver = RouteDestination(action.destination);
     auto open = std::make_shared<Open>(found->notify());
     status = found->Begin(open, driver);

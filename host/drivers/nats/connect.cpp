@@ -81,6 +81,13 @@ bool Check(const Settings& settings, std::string* error) {
     *error = "give either user/password-file or creds";
     return false;
   }
+  if (settings.user.empty() && settings.creds.empty() && settings.tlsCert.empty() &&
+      !settings.insecure) {
+    *error = "no client credentials (user and password-file, creds, or tls-cert and tls-key): "
+             "without them any client of the server can answer for any node; "
+             "insecure connects without";
+    return false;
+  }
   return true;
 }
 

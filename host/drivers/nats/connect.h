@@ -19,6 +19,7 @@ struct Settings {
   std::string passwordFile;
   std::string creds;         // credentials file (JWT and NKey private key)
   int reconnectWaitMs = 1000;
+  bool insecure = false;     // connecting without client credentials is allowed
   std::string name;          // connection name shown by the server
 };
 
@@ -28,7 +29,9 @@ struct Settings {
 bool Set(std::string_view key, std::string_view value, Settings* settings, std::string* error);
 
 // Checks that the settings go together (a URL, certificate with key, user
-// with password file, at most one kind of credentials).
+// with password file, at most one kind of credentials) and that they hold
+// client credentials unless `insecure` is set: server-side TLS alone still
+// lets any client of the server answer for any node.
 bool Check(const Settings& settings, std::string* error);
 
 // What the client library calls back on its own threads about one

@@ -1,12 +1,14 @@
 // The nats driver (see driver.h).
 //
 // Threads: Start only queues the action; a publisher thread of the driver
-// sends it, so the action thread never waits on the network. Replies come
-// to one wildcard subscription on an inbox of the driver's own
+// sends it (and the cancels of closed requests, and the second tries), so
+// the action thread never waits on the network. Replies come to one
+// wildcard subscription on an inbox of the driver's own
 // ("<inbox>.<token>"), delivered on the client library's thread, which
 // completes the open. Every open waiting for its reply is in `pending`
 // under its token; whoever takes it out of the map (reply, no responders,
-// lost connection, close) is the only one to act on it.
+// lost connection, close, time run out before sending) is the only one to
+// act on it.
 #include "host/drivers/nats/driver.h"
 
 #include <stdio.h>
@@ -37,29 +39,46 @@ std::atomic<bool> exiting{false};
 
 void Say(const std::string& text) { qmta::host::Say("qmtahost: nats: ", text); }
 
+using Clock = std::chrono::steady_clock;
+
+// One request, from Start until its answer, its close or a lost
+// connection takes it out of `State::pending`.
+struct Pending {
+  std::shared_ptr<Completion> done;
+  uint32_t id = 0;
+  std::string node;
+  std::string data;  // the encoded request, kept for one more try
+  Clock::time_point deadline;
+  bool sent = false;     // published, not yet answered
+  bool retried = false;  // its one more try after "no responders" is used
+};
+
 // One destination line's connection. Owned by its NatsDriver; left to the
 // client library's callbacks when they may still come after the driver
 // has gone (see ~NatsDriver).
 struct State {
   natsconn::Settings settings;
+  Clock::duration settle = std::chrono::seconds(3);
   natsConnection* connection = nullptr;
   natsSubscription* replies = nullptr;
   std::string inbox;  // "<inbox prefix>"; replies go to "<inbox>.<token>"
 
   // Guards the members below: taken by the module's action threads
-  // queueing a request (Start) or closing one (Take), by the publisher
+  // queueing a request (Start) or closing one (Close), by the publisher
   // thread, by the client library's threads delivering a reply or a
   // connection event, and by the thread destroying the driver.
   std::mutex mutex;
   std::condition_variable wake;
-  std::map<uint64_t, std::shared_ptr<Completion>> pending;
-  struct Outgoing {
-    uint64_t token;
-    std::string subject;
-    std::string data;
-  };
-  std::deque<Outgoing> queue;
+  std::map<uint64_t, Pending> pending;
+  std::deque<uint64_t> queue;                          // to send now
+  std::multimap<Clock::time_point, uint64_t> retries;  // to send again then
+  std::deque<std::pair<std::string, std::string>> cancels;  // subject, message
+  // "No responders" before then may mean that the agents have not yet
+  // subscribed again after the server came back: such a request is tried
+  // once more at that time.
+  Clock::time_point settledAt;
   uint64_t nextToken = 1;
+  uint64_t refusedReplies = 0;
   bool stopping = false;
   bool closed = false;          // the connection's closed callback ran
   bool repliesDone = false;     // the subscription's last callback returned
@@ -69,57 +88,152 @@ struct State {
     std::lock_guard<std::mutex> hold(mutex);
     auto found = pending.find(token);
     if (found == pending.end()) return nullptr;
-    auto done = std::move(found->second);
+    auto done = std::move(found->second.done);
     pending.erase(found);
     return done;
+  }
+
+  std::string ReplySubject(uint64_t token) const { return inbox + "." + std::to_string(token); }
+
+  // The module closed the request before its answer came: an agent that
+  // may have it is told to end it.
+  void Close(uint64_t token) {
+    std::lock_guard<std::mutex> hold(mutex);
+    auto found = pending.find(token);
+    if (found == pending.end()) return;
+    if (found->second.sent && !stopping) {
+      cancels.emplace_back(wire::CancelSubject(found->second.node),
+                           wire::EncodeCancel({found->second.id, ReplySubject(token)}));
+      wake.notify_all();
+    }
+    pending.erase(found);
   }
 
   void Publish() {
     std::unique_lock<std::mutex> hold(mutex);
     for (;;) {
-      wake.wait(hold, [this] { return stopping || !queue.empty(); });
+      auto due = [this] { return !retries.empty() && retries.begin()->first <= Clock::now(); };
+      // A retry added while waiting may fall due before anything wakes
+      // the thread: the time to wait is taken again each round.
+      while (!stopping && queue.empty() && cancels.empty() && !due()) {
+        if (retries.empty())
+          wake.wait(hold);
+        else
+          wake.wait_until(hold, retries.begin()->first);
+      }
       if (stopping) return;
-      Outgoing out = std::move(queue.front());
-      queue.pop_front();
-      if (!pending.count(out.token)) continue;  // closed while it waited
+      if (!cancels.empty()) {
+        auto [subject, data] = std::move(cancels.front());
+        cancels.pop_front();
+        hold.unlock();
+        // Lost with the connection, the cancel still leaves the agent its
+        // own count of the request's time.
+        natsConnection_Publish(connection, subject.c_str(), data.data(), static_cast<int>(data.size()));
+        hold.lock();
+        continue;
+      }
+      uint64_t token;
+      if (!queue.empty()) {
+        token = queue.front();
+        queue.pop_front();
+      } else if (due()) {
+        token = retries.begin()->second;
+        retries.erase(retries.begin());
+      } else {
+        continue;
+      }
+      auto found = pending.find(token);
+      if (found == pending.end()) continue;  // closed while it waited
+      Pending& request = found->second;
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(request.deadline - Clock::now());
+      if (left.count() <= 0) {
+        pending.erase(found);  // the module stops waiting now; no one hears an answer
+        continue;
+      }
+      std::string subject = wire::NodeSubject(request.node);
+      if (natsConnection_Status(connection) != NATS_CONN_STATUS_CONNECTED) {
+        auto done = std::move(request.done);
+        pending.erase(found);
+        hold.unlock();
+        Say("cannot send to " + subject + ": not connected to the server");
+        done->Fail(DBQ1_DEST_OFFLINE);
+        hold.lock();
+        continue;
+      }
+      request.sent = true;
+      std::string data = request.data;
+      bool timed = request.deadline != Clock::time_point::max();
       hold.unlock();
-      std::string reply = inbox + "." + std::to_string(out.token);
-      natsStatus s = natsConnection_PublishRequest(connection, out.subject.c_str(), reply.c_str(),
-                                                   out.data.data(),
-                                                   static_cast<int>(out.data.size()));
+      natsStatus s = Send(subject, ReplySubject(token), data,
+                          timed ? std::min<int64_t>(left.count(), wire::kTimeLeftMax) : -1);
       if (s != NATS_OK) {
-        if (auto done = Take(out.token)) {
-          Say("cannot send to " + out.subject + ": " + natsconn::StatusText(s));
+        if (auto done = Take(token)) {
+          Say("cannot send to " + subject + ": " + natsconn::StatusText(s));
           done->Fail(DBQ1_DEST_OFFLINE);
         }
       }
       hold.lock();
     }
   }
+
+  // Publishes one request with its time left (none when negative).
+  natsStatus Send(const std::string& subject, const std::string& reply, const std::string& data,
+                  int64_t timeLeftMs) {
+    natsMsg* message = nullptr;
+    natsStatus s = natsMsg_Create(&message, subject.c_str(), reply.c_str(), data.data(),
+                                  static_cast<int>(data.size()));
+    if (s == NATS_OK && timeLeftMs >= 0)
+      s = natsMsgHeader_Set(message, wire::kTimeLeftHeader, std::to_string(timeLeftMs).c_str());
+    if (s == NATS_OK) s = natsConnection_PublishMsg(connection, message);
+    natsMsg_Destroy(message);
+    return s;
+  }
 };
 
 void OnReply(natsConnection*, natsSubscription*, natsMsg* message, void* closure) {
   auto* state = static_cast<State*>(closure);
-  std::string_view subject = natsMsg_GetSubject(message);
+  const std::string subject = natsMsg_GetSubject(message);
   uint64_t token = 0;  // none of ours: tokens start at 1
-  ParseNumber(subject.substr(std::min(subject.size(), state->inbox.size() + 1)), &token);
-  std::shared_ptr<Completion> done = state->Take(token);
-  if (!done) {  // closed already, or not ours: dropped
-    natsMsg_Destroy(message);
-    return;
-  }
-  if (natsMsg_IsNoResponders(message)) {
-    natsMsg_Destroy(message);
-    done->Fail(DBQ1_DEST_OFFLINE);
-    return;
-  }
+  ParseNumber(std::string_view(subject).substr(std::min(subject.size(), state->inbox.size() + 1)), &token);
+  bool noResponders = natsMsg_IsNoResponders(message);
   wire::Reply reply;
   std::string error;
-  bool good = wire::DecodeReply(
-      std::string_view(natsMsg_GetData(message), static_cast<size_t>(natsMsg_GetDataLength(message))),
-      &reply, &error);
+  bool good = noResponders ||
+              wire::DecodeReply(std::string_view(natsMsg_GetData(message),
+                                                 static_cast<size_t>(natsMsg_GetDataLength(message))),
+                                &reply, &error);
   natsMsg_Destroy(message);
-  if (!good) {
+  std::shared_ptr<Completion> done;
+  uint32_t id = 0;
+  uint64_t refused = 0;
+  {
+    std::lock_guard<std::mutex> hold(state->mutex);
+    auto found = state->pending.find(token);
+    if (found == state->pending.end()) return;  // closed already, or not ours: dropped
+    Pending& request = found->second;
+    id = request.id;
+    if (noResponders && !request.retried && Clock::now() < state->settledAt &&
+        state->settledAt < request.deadline) {
+      request.retried = true;
+      request.sent = false;
+      state->retries.emplace(state->settledAt, token);
+      state->wake.notify_all();
+      return;
+    }
+    if (good && !noResponders && reply.id != id) {
+      refused = ++state->refusedReplies;
+    } else {
+      done = std::move(request.done);
+      state->pending.erase(found);
+    }
+  }
+  if (refused) {  // the request goes on waiting for its own answer
+    Say("refused a reply on " + subject + " for request " + std::to_string(id) +
+        " that names request " + std::to_string(reply.id) + " (" + std::to_string(refused) +
+        " refused so far)");
+  } else if (noResponders) {
+    done->Fail(DBQ1_DEST_OFFLINE);
+  } else if (!good) {
     Say("unreadable reply (" + error + ")");
     done->Fail(DBQ1_ACTION_FAILED);
   } else if (reply.failed) {
@@ -136,33 +250,37 @@ void OnRepliesDone(void* closure) {
   state->wake.notify_all();
 }
 
-// The connection is gone: nothing that was sent can be answered on it.
+// The connection is gone: nothing that was sent can be answered on it,
+// and nothing is kept to be sent later.
 void OnDisconnected(natsConnection*, void* closure) {
   auto* state = static_cast<State*>(closure);
-  std::map<uint64_t, std::shared_ptr<Completion>> lost;
+  std::map<uint64_t, Pending> lost;
   {
     std::lock_guard<std::mutex> hold(state->mutex);
     lost.swap(state->pending);
-    // Requests not sent yet stay: they go out once the connection is back.
-    for (const auto& out : state->queue) {
-      auto found = lost.find(out.token);
-      if (found != lost.end()) {
-        state->pending.insert(*found);
-        lost.erase(found);
-      }
-    }
+    state->queue.clear();
+    state->retries.clear();
+    state->cancels.clear();
   }
   if (exiting && lost.empty()) return;
   Say("lost the connection to " + state->settings.url + (lost.empty() ? "" : "; " +
       std::to_string(lost.size()) + " request(s) reported offline"));
-  for (auto& [token, done] : lost) done->Fail(DBQ1_DEST_OFFLINE);
+  for (auto& [token, request] : lost) request.done->Fail(DBQ1_DEST_OFFLINE);
+}
+
+// A new connection: the agents may still be on their way back.
+void Settle(State* state) {
+  std::lock_guard<std::mutex> hold(state->mutex);
+  state->settledAt = Clock::now() + state->settle;
 }
 
 void OnReconnected(natsConnection*, void* closure) {
+  Settle(static_cast<State*>(closure));
   Say("connected again to " + static_cast<State*>(closure)->settings.url);
 }
 
 void OnConnected(natsConnection*, void* closure) {
+  Settle(static_cast<State*>(closure));
   Say("connected to " + static_cast<State*>(closure)->settings.url);
 }
 
@@ -226,31 +344,45 @@ class NatsDriver final : public Driver {
     {
       std::lock_guard<std::mutex> hold(state.mutex);
       token = state.nextToken++;
-      state.pending.emplace(token, done);
-      state.queue.push_back({token, wire::NodeSubject(action.destination), wire::EncodeRequest(request)});
+      state.pending.emplace(token, Pending{done, action.requestId, action.destination,
+                                           wire::EncodeRequest(request), action.deadline});
+      state.queue.push_back(token);
       state.wake.notify_all();
     }
     State* raw = &state;
-    done->OnClose([raw, token] { raw->Take(token); });
+    done->OnClose([raw, token] { raw->Close(token); });
   }
 
  private:
   std::unique_ptr<State> state_;
 };
 
-// The connection settings of a destination line's KEY=VALUE options; false
-// with `*reason` set when they are not valid.
-bool ReadSettings(const std::vector<std::string>& options, natsconn::Settings* settings,
-                  std::string* reason) {
+// The settings of a destination line's options (KEY=VALUE, and the word
+// insecure); false with `*reason` set when they are not valid.
+bool ReadSettings(const std::vector<std::string>& options, State* state, std::string* reason) {
+  natsconn::Settings* settings = &state->settings;
+  bool settle = false;
   for (const std::string& option : options) {
     size_t equals = option.find('=');
-    if (equals == std::string::npos) {
-      *reason = "\"" + option + "\" is not KEY=VALUE";
+    std::string_view key = std::string_view(option).substr(0, equals);
+    std::string_view value =
+        equals == std::string::npos ? std::string_view() : std::string_view(option).substr(equals + 1);
+    if (option == "insecure" && !settings->insecure) {
+      settings->insecure = true;
+    } else if (key == "settle" && !settle && equals != std::string::npos) {
+      int ms = 0;
+      if (!ParseNumber(value, &ms, 0, 60000)) {
+        *reason = "bad settle \"" + std::string(value) + "\" (0 to 60000 ms)";
+        return false;
+      }
+      state->settle = std::chrono::milliseconds(ms);
+      settle = true;
+    } else if (equals == std::string::npos || key == "settle") {
+      *reason = "\"" + option + "\" is not KEY=VALUE, or given twice";
+      return false;
+    } else if (!natsconn::Set(key, value, settings, reason)) {
       return false;
     }
-    if (!natsconn::Set(std::string_view(option).substr(0, equals),
-                       std::string_view(option).substr(equals + 1), settings, reason))
-      return false;
   }
   return natsconn::Check(*settings, reason);
 }
@@ -258,7 +390,7 @@ bool ReadSettings(const std::vector<std::string>& options, natsconn::Settings* s
 std::unique_ptr<Driver> MakeDriver(const std::vector<std::string>& options, std::string* error) {
   auto state = std::make_unique<State>();
   std::string reason;
-  if (!ReadSettings(options, &state->settings, &reason)) {
+  if (!ReadSettings(options, state.get(), &reason)) {
     *error = "nats: " + reason;
     return nullptr;
   }
@@ -271,6 +403,10 @@ std::unique_ptr<Driver> MakeDriver(const std::vector<std::string>& options, std:
     *error = "nats: " + reason;
     return nullptr;
   }
+  // Nothing waits in the client library to be sent after a reconnection
+  // (the least it takes is one message; the publisher sends nothing while
+  // the connection is down).
+  natsOptions_SetReconnectBufSize(clientOptions, 1);
   natsStatus s = natsConnection_Connect(&state->connection, clientOptions);
   natsOptions_Destroy(clientOptions);
   if (s != NATS_OK && s != NATS_NOT_YET_CONNECTED) {

@@ -5,15 +5,23 @@
 //
 //   PATTERN nats url=nats://HOST:PORT[,nats://HOST:PORT...] [tls-ca=FILE]
 //                [tls-cert=FILE tls-key=FILE] [user=NAME password-file=FILE]
-//                [creds=FILE] [reconnect-wait=MS]
+//                [creds=FILE] [reconnect-wait=MS] [settle=MS] [insecure]
 //
-// Outcomes: the agent's return codes as rows, or its status; no agent
-// serving the node ("no responders") completes at once with
-// DBQ1_DEST_OFFLINE; losing the connection to the server completes every
-// request then waiting with DBQ1_DEST_OFFLINE (whether the action ran is
-// unknown); a reply the host cannot read completes with DBQ1_ACTION_FAILED.
-// An agent that never answers leaves the open to the module's own time-out.
-// A reply that comes after the module closed the request is dropped.
+// A line without client credentials is refused unless it says `insecure`.
+// Each request carries the time the module still waits for it; when the
+// module stops waiting first, the agent is sent a cancel. Outcomes: the
+// agent's return codes as rows, or its status; no agent serving the node
+// ("no responders") completes with DBQ1_DEST_OFFLINE, at once, or after
+// one more try when it came within `settle` of a (re)connection; a request
+// started while the line has no connection, and every request waiting
+// when the connection is lost, completes at once with DBQ1_DEST_OFFLINE
+// (for the latter, whether the action ran is unknown): nothing waits in
+// the client library to be sent after a reconnection. A reply the host
+// cannot read completes with DBQ1_ACTION_FAILED; a reply that names
+// another request id is refused (counted and logged) and the request goes
+// on waiting. An agent that never answers leaves the open to the module's
+// own time-out. A reply that comes after the module closed the request is
+// dropped.
 #ifndef HOST_DRIVERS_NATS_DRIVER_H_
 #define HOST_DRIVERS_NATS_DRIVER_H_
 

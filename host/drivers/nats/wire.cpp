@@ -50,6 +50,8 @@ std::string NodeSubject(std::string_view node) {
   return subject;
 }
 
+std::string CancelSubject(std::string_view node) { return NodeSubject(node) + ".cancel"; }
+
 bool SubjectNode(std::string_view subject, std::string* node) {
   if (!subject.starts_with(kSubjectPrefix)) return false;
   subject.remove_prefix(kSubjectPrefix.size());
@@ -96,6 +98,10 @@ std::string EncodeReply(const Reply& reply) {
     data += std::to_string(code);
   }
   return data;
+}
+
+std::string EncodeCancel(const Cancel& cancel) {
+  return "QMTA1 CANCEL " + std::to_string(cancel.id) + " " + cancel.reply;
 }
 
 bool DecodeRequest(std::string_view data, Request* request, std::string* error) {
@@ -154,6 +160,28 @@ bool DecodeReply(std::string_view data, Reply* reply, std::string* error) {
     reply->codes.push_back(code);
   }
   return true;
+}
+
+bool DecodeCancel(std::string_view data, Cancel* cancel, std::string* error) {
+  std::vector<std::string_view> fields;
+  if (!Fields(data, &fields) || fields.size() != 4 || fields[0] != "QMTA1" ||
+      fields[1] != "CANCEL" || !ParseNumber(fields[2], &cancel->id) ||
+      fields[3].size() > kReplySubjectMax) {
+    *error = "not a cancel";
+    return false;
+  }
+  for (char c : fields[3]) {
+    if (static_cast<unsigned char>(c) <= ' ' || c == 127) {
+      *error = "bad reply subject in a cancel";
+      return false;
+    }
+  }
+  cancel->reply.assign(fields[3]);
+  return true;
+}
+
+bool DecodeTimeLeft(std::string_view text, int64_t* milliseconds) {
+  return ParseNumber(text, milliseconds, int64_t{0}, kTimeLeftMax);
 }
 
 }  // namespace qmta::host::wire

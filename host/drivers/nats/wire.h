@@ -15,6 +15,17 @@
 // Numbers are decimal; <id> is the request id (0 to 4294967295), codes,
 // call types and statuses are signed 32-bit. The strings are bytes, taken
 // as they are (no escaping, any byte but NUL allowed).
+//
+// Version 2 adds, without changing these bodies (so that either side of
+// version 1 still works with the other):
+//   - the request header "Qmta-Time-Left: <ms>", the time the host still
+//     waits for the answer when it sends the request (relative, since the
+//     two machines' clocks may differ); without it an agent allows 60 s;
+//   - the cancel message (host to agent), published on the node's cancel
+//     subject "<node subject>.cancel" when the host stops waiting:
+//       QMTA1 CANCEL <id> <reply subject of the request>
+//   - the reply status kStatusQueueFull.
+// A change that an older side could misread would change "QMTA1".
 #ifndef HOST_DRIVERS_NATS_WIRE_H_
 #define HOST_DRIVERS_NATS_WIRE_H_
 
@@ -32,8 +43,21 @@ constexpr size_t kNodeMax = 1024;
 constexpr size_t kCommandMax = 32767;
 // Most return codes in one reply.
 constexpr size_t kCodesMax = 4096;
+// The header of a request that carries its time left, in milliseconds
+// (0 to kTimeLeftMax), and the time an agent allows a request without it:
+// the module's own wait.
+constexpr const char* kTimeLeftHeader = "Qmta-Time-Left";
+constexpr int64_t kTimeLeftMax = 86400000;
+constexpr int64_t kTimeLeftDefault = 60000;
+// The reply status of an agent whose queue for the node is full.
+constexpr int32_t kStatusQueueFull = 2021;
+// Longest reply subject a cancel names.
+constexpr size_t kReplySubjectMax = 255;
 
 std::string NodeSubject(std::string_view node);
+// The subject of the node's cancel messages: its subject and ".cancel"
+// (never a node's subject, which has no further dot).
+std::string CancelSubject(std::string_view node);
 // The node of a subject made by NodeSubject; false for any other text.
 bool SubjectNode(std::string_view subject, std::string* node);
 
@@ -51,12 +75,22 @@ struct Reply {
   std::vector<int32_t> codes;
 };
 
+struct Cancel {
+  uint32_t id = 0;
+  std::string reply;  // the reply subject of the request: no blank, no control byte
+};
+
 std::string EncodeRequest(const Request& request);
 std::string EncodeReply(const Reply& reply);
+std::string EncodeCancel(const Cancel& cancel);
 // False, with `*error` set, for anything that is not exactly one message of
 // the format above.
 bool DecodeRequest(std::string_view data, Request* request, std::string* error);
 bool DecodeReply(std::string_view data, Reply* reply, std::string* error);
+bool DecodeCancel(std::string_view data, Cancel* cancel, std::string* error);
+// The value of a kTimeLeftHeader header; false for anything but a number
+// of milliseconds from 0 to kTimeLeftMax.
+bool DecodeTimeLeft(std::string_view text, int64_t* milliseconds);
 
 }  // namespace qmta::host::wire
 

@@ -4,11 +4,13 @@
 // qmtahost's "local" destinations) and answered with the program's return
 // code. See docs/remote-nodes.md.
 //
-// Threads: the client library delivers the requests of each node on a
-// thread of its own; the local driver runs every program on its runner
-// threads and answers from there (agent.h). The main thread only waits for
-// SIGTERM or SIGINT, then stops taking requests, ends the programs still
-// running (answering their requests with DBQ1_DEST_OFFLINE) and exits.
+// Threads: the client library delivers the requests and cancels of each
+// node on threads of its own; the local driver runs every program on its
+// runner threads and answers from there (agent.h). The main thread
+// connects, has the server confirm the subscriptions, then only waits for
+// SIGTERM or SIGINT (or the agent's own SIGUSR1 and SIGUSR2), stops taking
+// requests, ends the programs still running (answering their requests and
+// the waiting ones with DBQ1_DEST_OFFLINE) and exits.
 #include <getopt.h>
 #include <signal.h>
 #include <stdio.h>
@@ -19,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "host/common/number.h"
 #include "host/common/say.h"
 #include "host/drivers/local/local.h"
 #include "host/drivers/nats/connect.h"
@@ -42,35 +45,49 @@ constexpr char kHelp[] =
     "  --dir DIR              working directory of the programs (default: .)\n"
     "  --timeout S            end a program after S seconds (default: 50)\n"
     "  --max N                programs run at once per node (default: 64)\n"
+    "  --queue N              requests waiting per node beyond those (default: 256);\n"
+    "                         further ones are answered at once with status 2021\n"
     "  --tls-ca FILE          CA certificates (PEM) that sign the server's certificate\n"
     "  --tls-cert FILE        client certificate (PEM), with --tls-key\n"
     "  --tls-key FILE         key of the client certificate\n"
     "  --user NAME            user name, with --password-file\n"
     "  --password-file FILE   file holding the password\n"
     "  --creds FILE           credentials file (JWT and NKey private key)\n"
+    "  --insecure             connect without client credentials (any client of the\n"
+    "                         server could then answer for these nodes)\n"
     "  --reconnect-wait MS    pause between reconnection attempts (default: 1000)\n"
+    "  --check                connect, subscribe, say whether the server lets this\n"
+    "                         agent serve the nodes, and exit\n"
     "  -h, --help             print this help and exit\n"
-    "  --version              print the version and exit\n";
+    "  --version              print the version and exit\n"
+    "A request is never started once the time the host still waits for it has run\n"
+    "out; a request the host stops waiting for has its program ended.\n"
+    "Exit status: 0 stopped by SIGTERM or SIGINT (or --check passed), 1 no\n"
+    "connection, 2 usage error, 3 the server refused a subscription.\n";
 
 struct Options {
   conn::Settings settings;
   std::string actions;
   std::string dir;
   std::vector<std::string> localOptions;  // for the local driver: timeout=S, max=N
+  int maxRunning = 64;
+  int queue = 256;
   std::vector<std::string> nodes;
+  bool check = false;
   bool help = false;
   bool version = false;
 };
 
 bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
-  enum { kUrl = 1000, kActions, kDir, kTimeout, kMax, kCa, kCert, kKey, kUser, kPassword,
-         kCreds, kReconnect };
+  enum { kUrl = 1000, kActions, kDir, kTimeout, kMax, kQueue, kCa, kCert, kKey, kUser, kPassword,
+         kCreds, kReconnect, kInsecure, kCheck };
   static const struct option longOptions[] = {
       {"url", required_argument, nullptr, kUrl},
       {"actions", required_argument, nullptr, kActions},
       {"dir", required_argument, nullptr, kDir},
       {"timeout", required_argument, nullptr, kTimeout},
       {"max", required_argument, nullptr, kMax},
+      {"queue", required_argument, nullptr, kQueue},
       {"tls-ca", required_argument, nullptr, kCa},
       {"tls-cert", required_argument, nullptr, kCert},
       {"tls-key", required_argument, nullptr, kKey},
@@ -78,6 +95,8 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       {"password-file", required_argument, nullptr, kPassword},
       {"creds", required_argument, nullptr, kCreds},
       {"reconnect-wait", required_argument, nullptr, kReconnect},
+      {"insecure", no_argument, nullptr, kInsecure},
+      {"check", no_argument, nullptr, kCheck},
       {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, 'V'},
       {nullptr, 0, nullptr, 0},
@@ -93,7 +112,19 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       case kActions: options->actions = optarg; break;
       case kDir: options->dir = optarg; break;
       case kTimeout: options->localOptions.push_back(std::string("timeout=") + optarg); break;
-      case kMax: options->localOptions.push_back(std::string("max=") + optarg); break;
+      case kMax:
+        // Checked by the local driver, which takes the same limit.
+        options->localOptions.push_back(std::string("max=") + optarg);
+        qmta::host::ParseNumber(std::string_view(optarg), &options->maxRunning, 1, 4096);
+        break;
+      case kQueue:
+        if (!qmta::host::ParseNumber(std::string_view(optarg), &options->queue, 0, 100000)) {
+          *error = std::string("bad --queue \"") + optarg + "\" (0 to 100000)";
+          return false;
+        }
+        break;
+      case kInsecure: options->settings.insecure = true; break;
+      case kCheck: options->check = true; break;
       case 'h': options->help = true; break;
       case 'V': options->version = true; break;
       case ':': *error = word + ": needs a value"; return false;
@@ -125,14 +156,16 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
 
 void Say(const std::string& text) { qmta::host::Say("qmtaagent: ", text); }
 
-// The signals that stop the agent: SIGTERM, SIGINT, and SIGUSR1, which the
-// agent sends itself when the client library gives its connection up.
+// The signals that stop the agent: SIGTERM, SIGINT, and those the agent
+// sends itself: SIGUSR1 when the client library gives its connection up,
+// SIGUSR2 when the server refuses it a subscription.
 sigset_t StopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGUSR1);
+  sigaddset(&signals, SIGUSR2);
   return signals;
 }
 
@@ -155,20 +188,25 @@ int Run(Options& options) {
   }
   // Never destroyed: the client library's callbacks may refer to it until
   // the process ends when it returns early below.
-  static auto* agent = new qmta::agent::Agent(std::move(driver));
+  static auto* agent = new qmta::agent::Agent(std::move(driver), options.maxRunning, options.queue);
   options.settings.name = "qmtaagent";
-  if (int status = agent->Connect(options.settings)) return status;
+  if (int status = agent->Connect(options.settings, !options.check)) return status;
   for (const auto& node : options.nodes)
     if (!agent->Serve(node)) return 1;
-
-  const sigset_t stopSignals = StopSignals();
+  if (int status = agent->Confirm(options.check)) return status;
   int signal = 0;
-  while (sigwait(&stopSignals, &signal) != 0) {
+  if (!options.check) {
+    const sigset_t stopSignals = StopSignals();
+    while (sigwait(&stopSignals, &signal) != 0) {
+    }
+    if (signal == SIGTERM || signal == SIGINT)
+      Say(std::string("stopping on ") + (signal == SIGTERM ? "SIGTERM" : "SIGINT"));
+    else if (signal == SIGUSR2)
+      Say("stopping: the server refuses this agent a subscription now");
   }
-  if (signal != SIGUSR1) Say(std::string("stopping on ") + (signal == SIGTERM ? "SIGTERM" : "SIGINT"));
   agent->Stop();
   agent->Close();
-  return signal == SIGUSR1 ? 1 : 0;
+  return signal == SIGUSR1 ? 1 : signal == SIGUSR2 ? 3 : 0;
 }
 
 }  // namespace
