@@ -23,6 +23,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/programs/qmtahost/control.h"
@@ -75,7 +76,9 @@ class Dispatcher {
     InputLine line;
     long number = 0;  // 0: not numbered
   };
-  void SubmitLines(std::vector<Line> lines, const std::string& source);
+  // Returns how many were queued: all of them that the intake check lets
+  // through, or none once the host is stopping.
+  size_t SubmitLines(std::vector<Line> lines, const std::string& source);
   // Raw lines of an input file, each ended by '\n', the first being line
   // `number` (those listed in `tooLong` were cut at the line limit and are
   // refused). They are parsed and checked on the dispatcher thread, so
@@ -91,6 +94,16 @@ class Dispatcher {
   // Without the intake check on event text (--allow-any-text).
   void AllowAnyText(bool allow) { allowAnyText_ = allow; }
 
+  // Told of the event lines taken (queued, or for an input file handed on)
+  // and of every line refused at intake, with its source as messages name
+  // it ("line 7" for the input, "control", "http 3"; "queued" for lines a
+  // stop dropped from the queue). Set before Run; both may be empty.
+  struct IntakeListener {
+    std::function<void(std::string_view source, uint64_t events)> taken;
+    std::function<void(std::string_view source, std::string_view reason, uint64_t lines)> refused;
+  };
+  void SetIntakeListener(IntakeListener listener) { intake_ = std::move(listener); }
+
   const DispatchCounts& counts() const { return counts_; }
 
  private:
@@ -105,8 +118,8 @@ class Dispatcher {
   };
   void HandleText(Work& work);
   static size_t LineCount(const Work& work);
-  void Enqueue(std::vector<Line> lines, const std::string& source,
-               std::future<ControlReply>* answer);
+  size_t Enqueue(std::vector<Line> lines, const std::string& source,
+                 std::future<ControlReply>* answer);
   void Refuse(Work& work, const std::string& source, const std::string& reason);
   void Handle(Work& work);
   ControlReply Call(const std::function<void()>& call);
@@ -114,6 +127,7 @@ class Dispatcher {
   ModuleCalls calls_;
   OutputRelay* relay_;
   bool allowAnyText_ = false;
+  IntakeListener intake_;
 
   std::mutex mutex_;  // guards queue_, closed_ and the two wait flags below
   std::condition_variable queued_;

@@ -26,6 +26,14 @@ struct Options {
   bool serve = false;       // `qmtahost serve`: the control socket, no input
   std::string control;      // serve: the control socket; empty: the default
   bool allowAnyText = false;  // no intake check on event text (lab runs)
+  // serve: the HTTP endpoint (http.h); off while `listen` is empty.
+  std::string listen;       // ADDR:PORT
+  std::string tokenFile;    // bearer token required on every path but /healthz
+  std::string tlsCert, tlsKey;
+  int64_t httpMaxBody = 1 << 20;
+  int32_t httpMaxConnections = 64;
+  int32_t httpTimeout = 30;
+  int32_t httpBusyAfter = 10;
   bool help = false;
   bool version = false;     // --version: print "qmtahost VERSION" and exit
 };
