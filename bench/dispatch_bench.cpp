@@ -19,7 +19,9 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/support/benchsupport.h"
-#include "host/hostsvc.h"
+#include "host/drivers/sim.h"
+#include "host/services/control.h"
+#include "host/services/testhooks.h"
 
 namespace {
 
@@ -158,6 +160,7 @@ int main(int argc, char** argv) {
         .args = {"SITNAME", "NODE", "Disk.Free_Percent", "\"page the operator\""}};
     dir->Write("QMTASITR", qmtabench::Text(rule));
     std::string error;
+    qmta::host::RegisterStandardDrivers();
     if (!qmta::host::SetDestinations("* sim rc=0\n", &error))
       throw std::runtime_error("destinations: " + error);
     path = qmta::host::OwnPath();

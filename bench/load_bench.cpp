@@ -19,7 +19,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/support/benchsupport.h"
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 #include "qmtauto1/qmtauto1.h"
 
 namespace {

@@ -16,8 +16,9 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/support/benchsupport.h"
-#include "host/hostsvc.h"
-#include "host/localdriver.h"
+#include "host/services/control.h"
+#include "host/services/testhooks.h"
+#include "host/drivers/local/local.h"
 
 namespace {
 

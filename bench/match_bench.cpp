@@ -15,7 +15,8 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/support/benchsupport.h"
-#include "host/hostsvc.h"
+#include "host/services/control.h"
+#include "host/services/testhooks.h"
 #include "qmtauto1/qmtauto1.h"
 
 namespace {

@@ -8,7 +8,7 @@
 
 #include <filesystem>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 #include "platform/trc1.h"
 
 namespace qmtafuzz {

@@ -10,7 +10,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fuzz/fuzzsupport.h"
-#include "host/prog/inputline.h"
+#include "host/programs/qmtahost/inputline.h"
 
 using qmta::hostprog::Event;
 using qmta::hostprog::InputLine;

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "fuzz/fuzzsupport.h"
-#include "host/localdriver.h"
+#include "host/drivers/local/local.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using qmtafuzz::Check;

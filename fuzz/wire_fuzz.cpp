@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "fuzz/fuzzsupport.h"
-#include "host/natswire.h"
+#include "host/drivers/nats/wire.h"
 
 namespace wire = qmta::host::wire;
 

@@ -1,8 +1,8 @@
 // The host program's command line and input lines, parsed directly.
 #include <gtest/gtest.h>
 
-#include "host/prog/inputline.h"
-#include "host/prog/options.h"
+#include "host/programs/qmtahost/inputline.h"
+#include "host/programs/qmtahost/options.h"
 
 namespace {
 

@@ -12,7 +12,8 @@
 
 #include <gtest/gtest.h>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
+#include "host/services/testhooks.h"
 #include "platform/dbq1.h"
 #include "platform/envr.h"
 #include "platform/ldr1.h"

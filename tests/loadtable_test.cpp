@@ -14,7 +14,7 @@
 #include <random>
 #include <thread>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
 #include "platform/trc1.h"
 #include "qmtauto1/qmtafault.h"
 #include "tests/ruletest.h"

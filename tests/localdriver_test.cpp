@@ -10,12 +10,13 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <optional>
 #include <thread>
 
 #include <gtest/gtest.h>
 
-#include "host/localdriver.h"
+#include "host/common/firstanswer.h"
+#include "host/drivers/local/local.h"
+#include "platform/dbq1.h"
 #include "tests/support/support.h"
 
 namespace {
@@ -76,48 +77,24 @@ TEST(LocalSplit, ProgramNamesAndOptions) {
 
 // A completion that the test can wait on and close. The local driver only
 // ever answers with one row.
-class TestCompletion final : public qmta::host::Completion {
+class TestCompletion final : public qmta::host::FirstAnswer {
  public:
-  void Rows(std::vector<int32_t> codes) override { Complete(codes.size() == 1 ? codes[0] : -2); }
-  void Fail(int32_t) override { Complete(-3); }
-  void OnClose(std::function<void()> stop) override {
-    std::unique_lock<std::mutex> hold(mutex_);
-    if (!closed_) {
-      stop_ = std::move(stop);
-      return;
-    }
-    hold.unlock();
-    stop();
-  }
-  bool Closed() const override {
-    std::lock_guard<std::mutex> hold(mutex_);
-    return closed_;
-  }
-  void Close() {
-    std::unique_lock<std::mutex> hold(mutex_);
-    closed_ = true;
-    auto stop = std::move(stop_);
-    hold.unlock();
-    if (stop) stop();
-  }
-  // The return code, or -1 when none came within `limit`.
+  using FirstAnswer::Close;
+  // The return code (-2: not one row, -3: a failure), or -1 when none came
+  // within `limit`.
   int32_t Code(std::chrono::milliseconds limit = 20s) {
     std::unique_lock<std::mutex> hold(mutex_);
-    ready_.wait_for(hold, limit, [this] { return code_.has_value(); });
-    return code_.value_or(-1);
+    if (!ready_.wait_for(hold, limit, [this] { return state_ == State::kAnswered; })) return -1;
+    if (status_ != DBQ1_OK) return -3;
+    return rows_.size() == 1 ? rows_[0] : -2;
   }
 
  private:
-  void Complete(int32_t code) {
+  void Answered() override {
     std::lock_guard<std::mutex> hold(mutex_);
-    if (!closed_ && !code_) code_ = code;
     ready_.notify_all();
   }
-  mutable std::mutex mutex_;
   std::condition_variable ready_;
-  std::optional<int32_t> code_;
-  std::function<void()> stop_;
-  bool closed_ = false;
 };
 
 int CountEntries(const char* directory) {

@@ -1,5 +1,5 @@
 // Subjects and messages between the host and its agents.
-#include "host/natswire.h"
+#include "host/drivers/nats/wire.h"
 
 #include <set>
 #include <tuple>

@@ -18,7 +18,10 @@
 
 #include <gtest/gtest.h>
 
-#include "host/hostsvc.h"
+#include "host/drivers/driver.h"
+#include "host/drivers/sim.h"
+#include "host/services/control.h"
+#include "host/services/testhooks.h"
 #include "platform/dbq1.h"
 #include "tests/support/support.h"
 
@@ -98,6 +101,7 @@ class QueryServiceTest : public ::testing::Test {
  protected:
   void SetUp() override {
     qmta::host::ResetQueryService();
+    qmta::host::RegisterStandardDrivers();
     qmta::host::RegisterDriver("record", [](const std::vector<std::string>&, std::string*) {
       return std::make_unique<RecordingDriver>();
     });

@@ -48,7 +48,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "host/hostsvc.h"
+#include "host/drivers/sim.h"
+#include "host/services/control.h"
+#include "host/services/testhooks.h"
 #include "qmtauto1/qmtafault.h"
 #include "qmtauto1/qmtauto1.h"
 #include "tests/support/support.h"
@@ -453,6 +455,7 @@ int main(int argc, char** argv) {
   qmtatest::ScratchDir dir;
   dir.Write("QMTASITR", kRulesA);
   std::string error;
+  qmta::host::RegisterStandardDrivers();
   if (!qmta::host::SetDestinations(kDirectory, &error)) {
     fprintf(stderr, "qmtasoak: %s\n", error.c_str());
     return 2;

@@ -8,7 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "host/hostsvc.h"
+#include "host/services/control.h"
+#include "host/services/testhooks.h"
 #include "qmtauto1/qmtafault.h"
 #include "qmtauto1/qmtauto1.h"
 #include "tests/support/support.h"

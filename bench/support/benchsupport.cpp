@@ -1,6 +1,5 @@
 #include "bench/support/benchsupport.h"
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <spawn.h>
@@ -10,8 +9,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <stdexcept>
 #include <thread>
@@ -65,66 +62,10 @@ int Main(int argc, char** argv, const std::function<void()>& registerAll) {
   return 0;
 }
 
-ScratchDir::ScratchDir() {
-  const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") + "/qmta-bench-XXXXXX";
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back('\0');
-  if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp failed");
-  path_ = name.data();
-  previous_ = std::filesystem::current_path().string();
-  std::filesystem::current_path(path_);
-}
-
-ScratchDir::~ScratchDir() {
-  std::error_code ignored;
-  std::filesystem::current_path(previous_, ignored);
-  std::filesystem::remove_all(path_, ignored);
-}
-
-void ScratchDir::Write(const std::string& name, const std::string& content) const {
-  std::ofstream out(path_ + "/" + name, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
-  if (!out) throw std::runtime_error("cannot write " + name);
-}
-
-Module::Module() {
-  static int serial = 0;
-  std::string copy = "/tmp/qmta-bench-module-" + std::to_string(getpid()) + "-" +
-                     std::to_string(serial++) + ".so";
-  std::filesystem::copy_file(QMTA_MODULE_PATH, copy,
-                             std::filesystem::copy_options::overwrite_existing);
-  void* handle = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
-  unlink(copy.c_str());  // the loaded module needs no file
-  if (!handle) throw std::runtime_error(std::string("dlopen: ") + dlerror());
-  autoexit = reinterpret_cast<QMTAUTOX_Entry>(dlsym(handle, "QMTAUTOX"));
-  command = reinterpret_cast<QMTASITR_Entry>(dlsym(handle, "QMTASITR"));
-  if (!autoexit || !command) throw std::runtime_error("module entry missing");
-}
-
-int32_t Module::Command(const std::string& text) const {
-  QMTA_CommandText descriptor{text.data(), nullptr, static_cast<uint32_t>(text.size())};
-  int32_t reason = 0;
-  return command(nullptr, &descriptor, nullptr, &reason);
-}
-
 std::string CaptureStdout(const std::function<void()>& body) {
-  fflush(stdout);
-  FILE* file = tmpfile();
-  if (file == nullptr) throw std::runtime_error("tmpfile failed");
-  int saved = dup(1);
-  dup2(fileno(file), 1);
+  qmtatest::StdoutCapture capture;
   body();
-  fflush(stdout);
-  dup2(saved, 1);
-  close(saved);
-  std::string text;
-  rewind(file);
-  char buffer[65536];
-  size_t got;
-  while ((got = fread(buffer, 1, sizeof buffer, file)) > 0) text.append(buffer, got);
-  fclose(file);
-  return text;
+  return capture.Take();
 }
 
 int DisplayedRules(const Module& module) {

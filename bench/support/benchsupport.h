@@ -1,5 +1,5 @@
-// Helpers shared by the benchmark programs: a scratch directory, the module
-// loaded as a host loads it, generated rule files, and the common main.
+// Helpers shared by the benchmark programs: generated rule files and the
+// common main, beside what they share with the tests (harness.h).
 //
 // Every program measures a figure of the system ("ours") and its floor, the
 // least work that does the same job, in the same run on the same data, so
@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "qmtauto1/qmtautox.h"
+#include "tests/support/harness.h"
 
 namespace qmtabench {
 
@@ -28,37 +29,11 @@ bool Tiny();
 // /dev/null for the whole run, since the module prints its messages there.
 int Main(int argc, char** argv, const std::function<void()>& registerAll);
 
-// A fresh directory under TMPDIR that is the current directory while the
-// object lives; removed with its contents afterwards.
-class ScratchDir {
- public:
-  ScratchDir();
-  ~ScratchDir();
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  const std::string& path() const { return path_; }
-  void Write(const std::string& name, const std::string& content) const;
-
- private:
-  std::string path_;
-  std::string previous_;
-};
-
-// The module, loaded with dlopen the way a host loads it, from a private
-// copy of its file so that every instance has module-wide state of its own
-// (its own rule table, stacks and flags).
-class Module {
- public:
-  Module();
-  Module(const Module&) = delete;
-  Module& operator=(const Module&) = delete;
-
-  QMTAUTOX_Entry autoexit = nullptr;
-  QMTASITR_Entry command = nullptr;
-
-  // Sends one operator command; returns the entry's result.
-  int32_t Command(const std::string& text) const;
-};
+// The scratch directory and the module loaded as a host loads it, from a
+// private copy of its file so that every instance has module-wide state
+// of its own: the same as the tests use (tests/support/harness.h).
+using qmtatest::Module;
+using qmtatest::ScratchDir;
 
 // Runs `body` with standard output (fd 1) sent to a temporary file and
 // returns what was written there.

@@ -3,10 +3,13 @@
 #include <chrono>
 #include <thread>
 
+#include "host/drivers/sim.h"
+
 namespace qmtatest {
 
 void EventFixture::SetUp() {
   qmta::host::ResetQueryService();
+  qmta::host::RegisterStandardDrivers();
   qmta::host::SetClockShift(std::chrono::nanoseconds(0));
   qmta::host::SetNodeInfoFails(false);
   dir_ = std::make_unique<ScratchDir>();

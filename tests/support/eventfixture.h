@@ -10,7 +10,9 @@
 
 #include <gtest/gtest.h>
 
-#include "host/hostsvc.h"
+#include "host/drivers/driver.h"
+#include "host/services/control.h"
+#include "host/services/testhooks.h"
 #include "qmtauto1/qmtafault.h"
 #include "tests/support/support.h"
 

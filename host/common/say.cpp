@@ -1,0 +1,33 @@
+#include "host/common/say.h"
+
+#include <stdio.h>
+
+#include <string>
+
+namespace qmta::host {
+
+void Say(std::string_view who, std::string_view text) {
+  std::string line;
+  line.reserve(who.size() + text.size() + 1);
+  line += who;
+  for (char c : text) {
+    auto byte = static_cast<unsigned char>(c);
+    line += (byte < 0x20 && c != '\t') || byte == 0x7f ? '?' : c;
+  }
+  line += '\n';
+  flockfile(stderr);
+  fwrite(line.data(), 1, line.size(), stderr);
+  fflush(stderr);
+  funlockfile(stderr);
+}
+
+void SayUsageError(std::string_view program, std::string_view error, std::string_view usage) {
+  Say(std::string(program) + ": ", error);
+  std::string rest(usage);
+  rest += "Try '";
+  rest += program;
+  rest += " --help' for more.\n";
+  fputs(rest.c_str(), stderr);
+}
+
+}  // namespace qmta::host

@@ -1,0 +1,39 @@
+// The qmtahost command line.
+#ifndef HOST_PROGRAMS_QMTAHOST_OPTIONS_H_
+#define HOST_PROGRAMS_QMTAHOST_OPTIONS_H_
+
+#include <stdint.h>
+
+#include <optional>
+#include <string>
+
+namespace qmta::hostprog {
+
+struct Options {
+  std::string dir = ".";    // the module's working directory
+  std::string nodes;        // destination directory file; empty: "* local"
+  std::string actions;      // local driver's programs; empty: DIR/actions
+  std::string module;       // empty: ../lib/libqmtautox.so beside the program
+  std::string server;       // empty: the machine's host name
+  std::optional<int32_t> trace;
+  bool init = true;         // call the start-up entry before reading input
+  int16_t commandLength = 600;
+  // --clock-shift S (for tests, not in --help): the module's clock runs S
+  // seconds off, so that a shift of -57 makes its 60-second wait 3 seconds.
+  int32_t clockShift = 0;
+  std::string input = "-";  // "-": standard input
+  bool help = false;
+  bool version = false;     // --version: print "qmtahost VERSION" and exit
+};
+
+// Reads the command line into `*options`. False, with `*error` set to a
+// one-line reason, on a usage error.
+bool ParseOptions(int argc, char* const* argv, Options* options, std::string* error);
+
+// The --help text (one line per option) and the short usage for errors.
+extern const char kHelp[];
+extern const char kUsage[];
+
+}  // namespace qmta::hostprog
+
+#endif  // HOST_PROGRAMS_QMTAHOST_OPTIONS_H_

@@ -1,0 +1,24 @@
+// The destination directory and the table of driver kinds (internal to the
+// host's query service).
+#ifndef HOST_SERVICES_DESTINATIONS_H_
+#define HOST_SERVICES_DESTINATIONS_H_
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/drivers/driver.h"
+
+namespace qmta::host::internal {
+
+// The driver of the first directory line that matches `node`; null when no
+// line does. The caller's reference keeps the driver alive after the
+// directory has been replaced.
+std::shared_ptr<Driver> RouteDestination(const std::string& node);
+
+// Empties the directory: every destination is offline.
+void ClearDestinations();
+
+}  // namespace qmta::host::internal
+
+#endif  // HOST_SERVICES_DESTINATIONS_H_
