@@ -2,8 +2,6 @@
 #include "host/services/control.h"
 #include "host/services/destinations.h"
 
-#include "host/common/pattern.h"
-
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -75,6 +73,14 @@ bool ParseLine(const std::string& text, Line* line, bool* empty, std::string* re
 
 }  // namespace
 
+bool PatternMatches(const std::string& pattern, const std::string& node) {
+  size_t star = pattern.find('*');
+  if (star == std::string::npos) return pattern == node;
+  size_t suffix = pattern.size() - star - 1;
+  return node.size() >= star + suffix && node.compare(0, star, pattern, 0, star) == 0 &&
+         node.compare(node.size() - suffix, suffix, pattern, star + 1, suffix) == 0;
+}
+
 std::shared_ptr<Driver> RouteDestination(const std::string& node) {
   std::shared_ptr<const Directory> current;
   {
@@ -82,7 +88,7 @@ std::shared_ptr<Driver> RouteDestination(const std::string& node) {
     current = directory;
   }
   for (const Line& line : *current)
-    if (qmta::host::PatternMatches(line.pattern, node)) return line.driver;
+    if (PatternMatches(line.pattern, node)) return line.driver;
   return nullptr;
 }
 
@@ -122,6 +128,14 @@ bool SetDestinations(const std::string& text, std::string* error) {
     old = std::exchange(internal::directory, std::move(replacement));
   }
   return true;
+}
+
+}  // namespace qmta::host
+
+namespace qmta::host {
+
+bool DestinationPatternMatches(const std::string& pattern, const std::string& node) {
+  return internal::PatternMatches(pattern, node);
 }
 
 }  // namespace qmta::host

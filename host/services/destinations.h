@@ -19,6 +19,9 @@ std::shared_ptr<Driver> RouteDestination(const std::string& node);
 // Empties the directory: every destination is offline.
 void ClearDestinations();
 
+// True when `pattern` (at most one '*') matches the whole of `node`.
+bool PatternMatches(const std::string& pattern, const std::string& node);
+
 }  // namespace qmta::host::internal
 
 #endif  // HOST_SERVICES_DESTINATIONS_H_

@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "host/common/say.h"
 #include "host/programs/qmtahost/inputline.h"
 #include "host/programs/qmtahost/ruleload.h"
 #include "qmtauto1/qmtauto1.h"
@@ -17,7 +16,6 @@
 namespace qmta::hostprog {
 namespace {
 
-constexpr char kWho[] = "qmtahost: explain: ";
 constexpr char kExplainUsage[] = "usage: qmtahost explain [--dir DIR] [--nodes FILE] EVENT...\n";
 
 // Where the action of `rule` would go.
@@ -92,13 +90,13 @@ int RunExplain(int argc, char* const* argv) {
   if (error.empty() && words.rest().empty())
     error = "no event given";
   if (!error.empty()) {
-    qmta::host::SayUsageError("qmtahost explain", error, kExplainUsage);
+    fprintf(stderr, "qmtahost: explain: %s\n%s", error.c_str(), kExplainUsage);
     return 2;
   }
   std::vector<NodesLine> nodes;
   const std::optional<std::string> nodesFile = words.Value("--nodes");
   if (nodesFile && !ReadNodesFile(*nodesFile, &nodes, &error)) {
-    qmta::host::Say(kWho, error);
+    fprintf(stderr, "qmtahost: explain: %s\n", error.c_str());
     return 2;
   }
 
@@ -106,7 +104,7 @@ int RunExplain(int argc, char* const* argv) {
   int fd = OpenRuleFile(file, kDefaultRuleFileLimit, &error);
   RuleLoad load;
   if (fd < 0 || !load.Run(fd, &error)) {
-    qmta::host::Say(kWho, file + ": " + error);
+    fprintf(stderr, "qmtahost: explain: %s: %s\n", file.c_str(), error.c_str());
     if (fd >= 0) close(fd);
     return 1;
   }
@@ -114,7 +112,7 @@ int RunExplain(int argc, char* const* argv) {
   // What a REFRESH of the file would print, on standard error.
   ReadMessages(load.messages(),
                [](const ModuleMessage& message) { fprintf(stderr, "%s\n", message.text.c_str()); });
-  qmta::host::Say(kWho, file + ": " + std::to_string(load.rules.size()) + " rules loaded");
+  fprintf(stderr, "qmtahost: explain: %s: %zu rules loaded\n", file.c_str(), load.rules.size());
 
   int status = 0;
   long number = 0;
@@ -126,8 +124,8 @@ int RunExplain(int argc, char* const* argv) {
       Explain(number, line.event, load, nodesFile ? &nodes : nullptr);
       return;
     }
-    qmta::host::Say(kWho, "event " + std::to_string(number) + ": " +
-                              (line.kind == InputLine::Kind::kError ? line.text : "not an event"));
+    fprintf(stderr, "qmtahost: explain: event %ld: %s\n", number,
+            line.kind == InputLine::Kind::kError ? line.text.c_str() : "not an event");
     status = 1;
   };
   for (const std::string& word : words.rest()) {

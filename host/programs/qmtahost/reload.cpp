@@ -1,7 +1,5 @@
 #include "host/programs/qmtahost/reload.h"
 
-#include "host/common/files.h"
-#include "host/common/say.h"
 #include "host/programs/qmtahost/rulecheck.h"
 
 #include <fcntl.h>
@@ -46,7 +44,7 @@ std::optional<int> RunCheckProcess(const ReloadSettings& settings, FILE* out, FI
                            const_cast<char* const*>(argv), environ);
   posix_spawn_file_actions_destroy(&files);
   if (failed) {
-    *reason = "cannot run the check: " + qmta::host::ErrorText(failed);
+    *reason = "cannot run the check: " + std::string(strerror(failed));
     return std::nullopt;
   }
   auto end = std::chrono::steady_clock::now() + settings.timeout;
@@ -129,13 +127,16 @@ ReloadOutcome CheckedReload(bool force, const std::function<void()>& refresh,
   return outcome;
 }
 
-void ReloadFromInput(bool force, const std::function<void()>& refresh) {
+ReloadOutcome ReloadFromInput(bool force, const std::function<void()>& refresh) {
   ReloadOutcome outcome = CheckedReload(force, refresh);
-  // Say shows a line end that the file put in a message as '?'.
+  std::string reason = outcome.reason;  // one line, whatever the file held
+  for (char& c : reason)
+    if (static_cast<unsigned char>(c) < ' ') c = ' ';
   if (outcome.refreshed)
-    qmta::host::Say("qmtahost: reload: ", outcome.reason + "; REFRESH sent");
+    fprintf(stderr, "qmtahost: reload: %s; REFRESH sent\n", reason.c_str());
   else
-    qmta::host::Say("qmtahost: reload refused: ", outcome.reason + "; the running rules stay");
+    fprintf(stderr, "qmtahost: reload refused: %s; the running rules stay\n", reason.c_str());
+  return outcome;
 }
 
 }  // namespace qmta::hostprog

@@ -35,9 +35,9 @@ struct ReloadOutcome {
 ReloadOutcome CheckedReload(bool force, const std::function<void()>& refresh,
                             const ReloadSettings& settings = {});
 
-// The input line {"reload": true}: CheckedReload, and one line on standard
+// The reload line {"reload": true} (and SIGHUP): CheckedReload, and one line on standard
 // error saying what it did or why it refused.
-void ReloadFromInput(bool force, const std::function<void()>& refresh);
+ReloadOutcome ReloadFromInput(bool force, const std::function<void()>& refresh);
 
 }  // namespace qmta::hostprog
 

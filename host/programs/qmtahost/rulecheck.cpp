@@ -13,8 +13,8 @@
 #include <nlohmann/json.hpp>
 
 #include "host/common/number.h"
-#include "host/common/say.h"
 #include "host/drivers/local/local.h"
+#include "host/programs/qmtahost/options.h"
 #include "host/programs/qmtahost/ruleload.h"
 #include "qmtauto1/qmtauto1.h"
 
@@ -23,7 +23,6 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr char kWho[] = "qmtahost: check: ";
 constexpr char kCheckUsageText[] =
     "usage: qmtahost check [--strict] [--json] [--max-size BYTES] [--actions DIR]\n"
     "                      [--nodes FILE] [FILE]\n";
@@ -45,14 +44,14 @@ class Check {
       puts(Dump(Json{{"id", kind}, {"severity", "W"}, {"line", line}, {"text", text}}).c_str());
     } else {
       std::string where = line > 0 ? "line " + std::to_string(line) + ": " : "";
-      qmta::host::Say(kWho, file_ + ": " + where + text);
+      fprintf(stderr, "qmtahost: check: %s: %s%s\n", file_.c_str(), where.c_str(), text.c_str());
     }
   }
 
   void Problem(const std::string& text) {
     if (json_)
       puts(Dump(Json{{"id", "bad-file"}, {"severity", "E"}, {"line", 0}, {"text", text}}).c_str());
-    qmta::host::Say(kWho, file_ + ": " + text);
+    fprintf(stderr, "qmtahost: check: %s: %s\n", file_.c_str(), text.c_str());
   }
 
   void Message(const ModuleMessage& message) {
@@ -94,10 +93,9 @@ class Check {
                        {"warnings", warnings_}, {"status", status}}}})
                .c_str());
     fflush(stdout);
-    qmta::host::Say(kWho, file_ + ": " + std::to_string(rules) + (rules == 1 ? " rule" : " rules") +
-                              " loaded, " + std::to_string(dropped) +
-                              (dropped == 1 ? " entry" : " entries") + " dropped, " +
-                              std::to_string(warnings_) + (warnings_ == 1 ? " warning" : " warnings"));
+    fprintf(stderr, "qmtahost: check: %s: %d rule%s loaded, %d entr%s dropped, %d warning%s\n",
+            file_.c_str(), rules, rules == 1 ? "" : "s", dropped, dropped == 1 ? "y" : "ies",
+            warnings_, warnings_ == 1 ? "" : "s");
     return status;
   }
 
@@ -145,10 +143,10 @@ int RunCheck(int argc, char* const* argv) {
       words.rest().size() > 1)
     error = "more than one rule file (\"" + words.rest()[1] + "\")";
   if (auto size = words.Value("--max-size");
-      error.empty() && size && !qmta::host::ParseNumber(*size, &limit, int64_t{0}))
+      error.empty() && size && !host::ParseNumber(*size, &limit, int64_t{0}))
     error = "--max-size: bad size \"" + *size + "\"";
   if (!error.empty()) {
-    qmta::host::SayUsageError("qmtahost check", error, kCheckUsageText);
+    fprintf(stderr, "qmtahost: check: %s\n%s", error.c_str(), kCheckUsageText);
     return kCheckUsage;
   }
   if (words.Has("--help")) {
@@ -166,7 +164,7 @@ int RunCheck(int argc, char* const* argv) {
   std::vector<NodesLine> nodes;
   const std::optional<std::string> nodesFile = words.Value("--nodes");
   if (nodesFile && !ReadNodesFile(*nodesFile, &nodes, &error)) {
-    qmta::host::Say(kWho, error);
+    fprintf(stderr, "qmtahost: check: %s\n", error.c_str());
     return kCheckUsage;
   }
 

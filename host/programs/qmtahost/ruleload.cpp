@@ -8,15 +8,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 #include <sstream>
+#include <system_error>
 
-#include "host/common/files.h"
-#include "host/common/pattern.h"
+#include "host/services/control.h"
 #include "qmtauto1/qmtauto1.h"
 #include "qmtauto1/rulefile.h"
 
 namespace qmta::hostprog {
 namespace {
+
+std::string ErrnoText(int error) { return std::generic_category().message(error); }
 
 const char* Kind(mode_t mode) {
   if (S_ISDIR(mode)) return "a directory";
@@ -171,12 +174,12 @@ long NamedLine(const ModuleMessage& message) {
 int OpenRuleFile(const std::string& path, uint64_t limit, std::string* problem) {
   int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   if (fd < 0) {
-    *problem = "cannot open it: " + qmta::host::ErrorText(errno);
+    *problem = "cannot open it: " + ErrnoText(errno);
     return -1;
   }
   struct stat status;
   if (fstat(fd, &status) != 0) {
-    *problem = "cannot read it: " + qmta::host::ErrorText(errno);
+    *problem = "cannot read it: " + ErrnoText(errno);
   } else if (!S_ISREG(status.st_mode)) {
     *problem = std::string(Kind(status.st_mode)) + ", not a regular file";
   } else if (static_cast<uint64_t>(status.st_size) > limit) {
@@ -250,7 +253,7 @@ bool RuleLoad::Run(int fd, std::string* problem) {
   const char* tmp = getenv("TMPDIR");
   std::string dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/qmtacheck.XXXXXX";
   if (mkdtemp(dir.data()) == nullptr) {
-    *problem = "cannot make a scratch directory: " + qmta::host::ErrorText(errno);
+    *problem = "cannot make a scratch directory: " + ErrnoText(errno);
     return false;
   }
   // The reader reads ./QMTASITR: in the scratch directory, a link to the
@@ -260,15 +263,15 @@ bool RuleLoad::Run(int fd, std::string* problem) {
   if (output_ == nullptr) output_ = tmpfile();
   bool ran = false;
   if (here < 0 || output_ == nullptr || symlink(self.c_str(), link.c_str()) != 0) {
-    *problem = "cannot prepare the load: " + qmta::host::ErrorText(errno);
+    *problem = "cannot prepare the load: " + ErrnoText(errno);
   } else {
     Redirect capture(fileno(output_));
     if (!capture.ok() || chdir(dir.c_str()) != 0) {
-      *problem = "cannot prepare the load: " + qmta::host::ErrorText(errno);
+      *problem = "cannot prepare the load: " + ErrnoText(errno);
     } else {
       status = loadtable();
       ran = fchdir(here) == 0;
-      if (!ran) *problem = "cannot return to the working directory: " + qmta::host::ErrorText(errno);
+      if (!ran) *problem = "cannot return to the working directory: " + ErrnoText(errno);
     }
   }
   unlink(link.c_str());
@@ -317,12 +320,11 @@ const char* StateName(uint32_t state) {
 
 bool ReadNodesFile(const std::string& path, std::vector<NodesLine>* lines,
                    std::string* problem) {
-  std::string content;
-  if (!qmta::host::ReadFile(path, &content)) {
-    *problem = "cannot read " + path + ": " + qmta::host::ErrorText(errno);
+  std::ifstream in(path);
+  if (!in) {
+    *problem = "cannot read " + path + ": " + ErrnoText(errno);
     return false;
   }
-  std::istringstream in(content);
   std::string text;
   for (int number = 1; std::getline(in, text); ++number) {
     NodesLine line{number, "", "", text};
@@ -339,7 +341,7 @@ bool ReadNodesFile(const std::string& path, std::vector<NodesLine>* lines,
 
 const NodesLine* RouteNode(const std::vector<NodesLine>& lines, const std::string& node) {
   for (const NodesLine& line : lines)
-    if (qmta::host::PatternMatches(line.pattern, node)) return &line;
+    if (qmta::host::DestinationPatternMatches(line.pattern, node)) return &line;
   return nullptr;
 }
 
