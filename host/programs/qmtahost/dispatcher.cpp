@@ -259,9 +259,12 @@ std::chrono::nanoseconds Dispatcher::HeldBackFor() const {
 
 void Dispatcher::WaitForRoom() {
   if (maxActions_ <= 0 || calls_.liveActions() < maxActions_ - maxActions_ / 4) return;
-  // Near the limit: an action thread counts itself only once it runs, a
-  // moment after the event that made it; let the earlier events' threads
-  // show up first (only the dispatcher starts action threads).
+  // Near the limit, the event is held back: first for the earlier events'
+  // threads to show up (an action thread counts itself only once it runs,
+  // a moment after the event that made it, and only the dispatcher starts
+  // action threads), then until fewer than the limit are live.
+  const int64_t start = SteadyNanos();
+  heldSince_.store(start, std::memory_order_relaxed);
   int64_t seen = calls_.startedActions();
   for (int round = 0; round < 50; ++round) {
     std::this_thread::sleep_for(200us);
@@ -269,12 +272,9 @@ void Dispatcher::WaitForRoom() {
     if (now == seen) break;
     seen = now;
   }
-  if (calls_.liveActions() < maxActions_) return;
-  const int64_t start = SteadyNanos();
-  heldSince_.store(start, std::memory_order_relaxed);
-  counts_.heldBack.fetch_add(1, std::memory_order_relaxed);
-  while (!calls_.waitActionsBelow(maxActions_, 1s)) {
+  while (calls_.liveActions() >= maxActions_ && !calls_.waitActionsBelow(maxActions_, 1s)) {
   }
+  counts_.heldBack.fetch_add(1, std::memory_order_relaxed);
   counts_.heldBackNanos.fetch_add(SteadyNanos() - start, std::memory_order_relaxed);
   heldSince_.store(0, std::memory_order_relaxed);
 }
