@@ -132,7 +132,9 @@ TEST_F(Http, EventsCommandsMetricsAndReadiness) {
                          "SITNAME=T DESTNODE=gone:MVS_ACTIONS SCRIPT=job;\n"
                          "SITNAME=E DESTNODE=gone:SNMP_TRAP SCRIPT=job;\n");
   dir_.Write("nodes", "sim:* sim rc=0 delay=500\ngone:* offline\n*:MVS_ACTIONS sim rc=0,4\n");
-  Start();
+  // One action at a time: while S runs, the next event is held back, and
+  // with --http-busy-after 0 new events are answered 503 meanwhile.
+  Start({"--max-actions", "1", "--http-busy-after", "0"});
   EXPECT_EQ(Curl("/healthz").code, 200);
   EXPECT_EQ(Curl("/readyz").code, 200);
 
@@ -151,11 +153,16 @@ TEST_F(Http, EventsCommandsMetricsAndReadiness) {
   Reply taken = Curl("/v1/events", s + "\r\n\n" + v + "\n" + t + "\n# E\n" + e);
   EXPECT_EQ(taken.code, 202);
   EXPECT_EQ(taken.body, "{\"taken\":4}\n");
-  EXPECT_EQ(Curl("/v1/events", "", true).code, 400);
+  for (int i = 0; i < 400 && Metric(Curl("/metrics").body, "qmta_backpressure_held_seconds") <= 0; ++i)
+    std::this_thread::sleep_for(1ms);
+  Reply busy = Curl("/v1/events", s, true, {"-D", "headers"});
+  EXPECT_EQ(busy.code, 503);
+  EXPECT_NE(Read("headers").find("Retry-After: 5"), std::string::npos) << Read("headers");
 
   Reply drained = Curl("/v1/commands", "{\"drain\": true}\n");
   EXPECT_EQ(drained.code, 200);
   EXPECT_EQ(drained.body, R"({"error":"","ok":true,"output":["drained"]})" "\n");
+  EXPECT_EQ(Curl("/v1/events", "", true).code, 400);
   EXPECT_EQ(Curl("/v1/commands", v).code, 400);  // events have their own path
   Reply display = Curl("/v1/commands", "DISPLAY");
   EXPECT_EQ(display.code, 200);
@@ -192,6 +199,8 @@ TEST_F(Http, EventsCommandsMetricsAndReadiness) {
   EXPECT_LE(Metric(m, R"(qmta_action_duration_seconds_bucket{le="0.25"})"), 2);
   EXPECT_GE(Metric(m, "qmta_action_duration_seconds_sum"), 0.25);
   EXPECT_EQ(Metric(m, "qmta_actions_live"), 0);
+  EXPECT_GE(Metric(m, "qmta_backpressure_events_total"), 1);
+  EXPECT_GT(Metric(m, "qmta_backpressure_wait_seconds_total"), 0);
   EXPECT_EQ(Metric(m, R"(qmta_reloads_total{result="done"})"), 1);
   EXPECT_EQ(Metric(m, R"(qmta_reloads_total{result="refused"})"), 1);
   EXPECT_EQ(Metric(m, "qmta_rules_loaded"), 2);

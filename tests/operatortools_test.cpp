@@ -105,6 +105,7 @@ TEST_F(Tools, CheckPrintsWhatARefreshPrintsAndItsStatusFollows) {
   EXPECT_EQ(2, Host("check --max-size lots rules").status);
   EXPECT_EQ(2, Host("check --frobnicate rules").status);
   EXPECT_EQ(2, Host("check a b").status);
+  EXPECT_EQ(0, Host("check --help").status);
 }
 
 TEST_F(Tools, CheckJsonCarriesLinesRulesAndTheHostsWarnings) {

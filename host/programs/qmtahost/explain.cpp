@@ -80,7 +80,14 @@ void Explain(long number, const Event& event, const RuleLoad& load,
 int RunExplain(int argc, char* const* argv) {
   Words words(argc, argv);
   std::string error;
-  if (words.Read({}, {"--dir", "--nodes"}, &error) && words.rest().empty())
+  if (words.Read({"--help"}, {"--dir", "--nodes"}, &error) && words.Has("--help")) {
+    fputs(kExplainUsage, stdout);
+    fputs("For each EVENT (a JSON event line; \"-\" reads them from standard input), the\n"
+          "rules of DIR/QMTASITR that match, the command each would send and the nodes\n"
+          "line and driver that would take it. Nothing runs (docs/qmtahost.md).\n", stdout);
+    return 0;
+  }
+  if (error.empty() && words.rest().empty())
     error = "no event given";
   if (!error.empty()) {
     fprintf(stderr, "qmtahost: explain: %s\n%s", error.c_str(), kExplainUsage);

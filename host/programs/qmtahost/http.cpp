@@ -348,8 +348,7 @@ HttpServer::Answer HttpServer::Route(MHD_Connection* connection, Request* reques
     return Answer::Error(413, "the body may hold at most " + std::to_string(config_.bodyMax) +
                                   " bytes");
   if (events) {
-    std::optional<BackPressure> pressure = DispatcherBackPressure(*dispatcher_);
-    if (pressure && pressure->heldForSeconds > config_.busyAfterSeconds) {
+    if (DispatcherBackPressure(*dispatcher_).heldForSeconds > config_.busyAfterSeconds) {
       Answer answer = Answer::Error(503, "events are held back: too many actions run");
       answer.headers.emplace_back(MHD_HTTP_HEADER_RETRY_AFTER, kRetryAfter);
       return answer;

@@ -102,9 +102,14 @@ SourceKind KindOfSource(std::string_view source) {
   return SourceKind::kOther;
 }
 
-// The one place that asks the dispatcher about back-pressure: it has no
-// limit on live actions yet, so there is nothing to report.
-std::optional<BackPressure> DispatcherBackPressure(const Dispatcher&) { return std::nullopt; }
+BackPressure DispatcherBackPressure(const Dispatcher& dispatcher) {
+  BackPressure pressure;
+  pressure.heldForSeconds = std::chrono::duration<double>(dispatcher.HeldBackFor()).count();
+  const DispatchCounts& counts = dispatcher.counts();
+  pressure.waitSeconds = static_cast<double>(counts.heldBackNanos.load(std::memory_order_relaxed)) / 1e9;
+  pressure.events = counts.heldBack.load(std::memory_order_relaxed);
+  return pressure;
+}
 
 OutputRelay::Listener Metrics::RelayListener() {
   return {[this](const OutputRelay::Message& message) { Message(message); }, {}};
@@ -251,14 +256,19 @@ std::string Metrics::Render(const Dispatcher& dispatcher, const OutputRelay& rel
   Head(&out, "qmta_actions_live", "gauge", "Action threads running now.");
   Sample(&out, "qmta_actions_live", "", static_cast<double>(host::LiveActions()));
 
-  if (std::optional<BackPressure> pressure = DispatcherBackPressure(dispatcher)) {
-    Head(&out, "qmta_backpressure_wait_seconds_total", "counter",
-         "Time the dispatcher waited before an event because too many actions ran.");
-    Sample(&out, "qmta_backpressure_wait_seconds_total", "", pressure->waitSeconds);
-    Head(&out, "qmta_backpressure_held_seconds", "gauge",
-         "How long events have been held back now (0: not held back).");
-    Sample(&out, "qmta_backpressure_held_seconds", "", pressure->heldForSeconds);
-  }
+  Head(&out, "qmta_actions_live_peak", "gauge", "The most action threads live at once so far.");
+  Sample(&out, "qmta_actions_live_peak", "", static_cast<double>(host::PeakLiveActions()));
+
+  const BackPressure pressure = DispatcherBackPressure(dispatcher);
+  Head(&out, "qmta_backpressure_events_total", "counter",
+       "Events the dispatcher held back because too many actions ran (--max-actions).");
+  Sample(&out, "qmta_backpressure_events_total", "", static_cast<double>(pressure.events));
+  Head(&out, "qmta_backpressure_wait_seconds_total", "counter",
+       "Time the dispatcher has held events back, in all.");
+  Sample(&out, "qmta_backpressure_wait_seconds_total", "", pressure.waitSeconds);
+  Head(&out, "qmta_backpressure_held_seconds", "gauge",
+       "How long the event now held back has waited (0: none is).");
+  Sample(&out, "qmta_backpressure_held_seconds", "", pressure.heldForSeconds);
 
   const DispatchCounts& counts = dispatcher.counts();
   Head(&out, "qmta_reloads_total", "counter", "Reloads of the rule file, done and refused.");

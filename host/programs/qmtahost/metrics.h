@@ -45,14 +45,15 @@ RefusalKind KindOfRefusal(std::string_view reason);
 enum class SourceKind { kInput, kControl, kHttp, kSignal, kQueued, kOther, kCount };
 SourceKind KindOfSource(std::string_view source);
 
-// How long the dispatcher has been holding events back because too many
-// actions run, and the seconds it has waited so far in all. Nothing while
-// the dispatcher has no such limit.
+// Back-pressure (--max-actions): how long the dispatcher has been holding
+// the event now waiting back because too many actions run, and what it has
+// held back so far in all.
 struct BackPressure {
   double heldForSeconds = 0;  // 0: not holding back now
   double waitSeconds = 0;
+  uint64_t events = 0;
 };
-std::optional<BackPressure> DispatcherBackPressure(const Dispatcher& dispatcher);
+BackPressure DispatcherBackPressure(const Dispatcher& dispatcher);
 
 class Metrics {
  public:

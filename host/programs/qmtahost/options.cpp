@@ -42,6 +42,9 @@ const char kHelp[] =
     "  --command-length N    declared length of the COMMAND parameter (default: 600)\n"
     "  --control PATH        serve, ctl: the control socket (default:\n"
     "                        $RUNTIME_DIRECTORY/control, else /run/qmtahost/control)\n"
+    "  --max-actions N       wait before the next event while N action threads are live\n"
+    "                        (default: from the thread and descriptor limits, at most 4096;\n"
+    "                        0: no limit)\n"
     "  --allow-any-text      let quotes and control characters in event names through\n"
     "                        (lab runs against sim destinations only)\n"
     "  --listen ADDR:PORT    serve: HTTP on ADDR:PORT ([ADDR]:PORT for IPv6): POST\n"
@@ -63,8 +66,10 @@ const char kHelp[] =
 namespace {
 
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
-              kClockShift, kVersion, kControl, kAllowAnyText, kListen, kTokenFile, kTlsCert,
-              kTlsKey, kHttpMaxBody, kHttpMaxConnections, kHttpTimeout, kHttpBusyAfter };
+              kClockShift, kVersion, kControl, kAllowAnyText, kMaxActions,
+              // The HTTP options, last (ParseOptions tells them by their order).
+              kListen, kTokenFile, kTlsCert, kTlsKey, kHttpMaxBody, kHttpMaxConnections,
+              kHttpTimeout, kHttpBusyAfter };
 
 }  // namespace
 
@@ -118,6 +123,13 @@ bool SetOption(int option, const char* value, Options* options, std::string* err
     case kVersion: options->version = true; break;
     case kControl: options->control = value; break;
     case kAllowAnyText: options->allowAnyText = true; break;
+    case kMaxActions:
+      if (!OptionNumber(value, 0, 1000000, &number)) {
+        *error = std::string("--max-actions: bad count \"") + value + "\" (0 to 1000000)";
+        return false;
+      }
+      options->maxActions = number;
+      break;
     case kListen: options->listen = value; break;
     case kTokenFile: options->tokenFile = value; break;
     case kTlsCert: options->tlsCert = value; break;
@@ -190,6 +202,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"version", no_argument, nullptr, kVersion},
       {"control", required_argument, nullptr, kControl},
       {"allow-any-text", no_argument, nullptr, kAllowAnyText},
+      {"max-actions", required_argument, nullptr, kMaxActions},
       {"listen", required_argument, nullptr, kListen},
       {"token-file", required_argument, nullptr, kTokenFile},
       {"tls-cert", required_argument, nullptr, kTlsCert},

@@ -139,7 +139,7 @@ int RunCheck(int argc, char* const* argv) {
   Words words(argc, argv);
   std::string error;
   int64_t limit = static_cast<int64_t>(kDefaultRuleFileLimit);
-  if (words.Read({"--strict", "--json"}, {"--max-size", "--actions", "--nodes"}, &error) &&
+  if (words.Read({"--strict", "--json", "--help"}, {"--max-size", "--actions", "--nodes"}, &error) &&
       words.rest().size() > 1)
     error = "more than one rule file (\"" + words.rest()[1] + "\")";
   if (auto size = words.Value("--max-size");
@@ -148,6 +148,14 @@ int RunCheck(int argc, char* const* argv) {
   if (!error.empty()) {
     fprintf(stderr, "qmtahost: check: %s\n%s", error.c_str(), kCheckUsageText);
     return kCheckUsage;
+  }
+  if (words.Has("--help")) {
+    fputs(kCheckUsageText, stdout);
+    fputs("Reads FILE (default ./QMTASITR) with the module's own reader and prints what a\n"
+          "REFRESH would print, then the host's warnings and a summary (docs/qmtahost.md).\n"
+          "Exit status: 0 clean, 1 an entry dropped or nothing loaded, 3 warnings with\n"
+          "--strict, 2 usage.\n", stdout);
+    return kCheckClean;
   }
   const std::string file = words.rest().empty() ? "QMTASITR" : words.rest()[0];
   const bool strict = words.Has("--strict");
