@@ -2,6 +2,8 @@
 
 #include <stdio.h>
 
+#include <cmath>
+
 #include "host/services/control.h"
 
 namespace qmta::hostprog {
@@ -51,9 +53,13 @@ bool Contains(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
 }
 
+// Whole numbers (counts) in full, others with nine significant digits.
 std::string Number(double value) {
   char text[32];
-  snprintf(text, sizeof text, "%.9g", value);
+  if (value == std::floor(value) && std::fabs(value) < 1e15)
+    snprintf(text, sizeof text, "%.0f", value);
+  else
+    snprintf(text, sizeof text, "%.9g", value);
   return text;
 }
 
