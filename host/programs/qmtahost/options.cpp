@@ -42,6 +42,9 @@ const char kHelp[] =
     "  --command-length N    declared length of the COMMAND parameter (default: 600)\n"
     "  --control PATH        serve, ctl: the control socket (default:\n"
     "                        $RUNTIME_DIRECTORY/control, else /run/qmtahost/control)\n"
+    "  --max-actions N       wait before the next event while N action threads are live\n"
+    "                        (default: from the thread and descriptor limits, at most 4096;\n"
+    "                        0: no limit)\n"
     "  --allow-any-text      let quotes and control characters in event names through\n"
     "                        (lab runs against sim destinations only)\n"
     "  -h, --help            print this help and exit\n"
@@ -52,7 +55,7 @@ const char kHelp[] =
 namespace {
 
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
-              kClockShift, kVersion, kControl, kAllowAnyText };
+              kClockShift, kVersion, kControl, kAllowAnyText, kMaxActions };
 
 }  // namespace
 
@@ -104,6 +107,13 @@ bool SetOption(int option, const char* value, Options* options, std::string* err
     case kVersion: options->version = true; break;
     case kControl: options->control = value; break;
     case kAllowAnyText: options->allowAnyText = true; break;
+    case kMaxActions:
+      if (!OptionNumber(value, 0, 1000000, &number)) {
+        *error = std::string("--max-actions: bad count \"") + value + "\" (0 to 1000000)";
+        return false;
+      }
+      options->maxActions = number;
+      break;
   }
   return true;
 }
@@ -123,6 +133,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"version", no_argument, nullptr, kVersion},
       {"control", required_argument, nullptr, kControl},
       {"allow-any-text", no_argument, nullptr, kAllowAnyText},
+      {"max-actions", required_argument, nullptr, kMaxActions},
       {nullptr, 0, nullptr, 0},
   };
   // getopt_long may reorder the pointers; it works on a copy (without the
