@@ -14,7 +14,7 @@ struct Options {
   std::string dir = ".";    // the module's working directory
   std::string nodes;        // destination directory file; empty: "* local"
   std::string actions;      // local driver's programs; empty: DIR/actions
-  std::string module;       // empty: ../lib/libqmtautox.so beside the program
+  std::string module;       // empty: DefaultModule() (module.h)
   std::string server;       // empty: the machine's host name
   std::optional<int32_t> trace;
   bool init = true;         // call the start-up entry before reading input
