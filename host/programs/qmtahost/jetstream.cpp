@@ -229,19 +229,17 @@ void JetStreamIntake::Fetch() {
       if (stopFetching_.load()) break;
       room = static_cast<int>(std::min(window_ - unsettled_, static_cast<size_t>(kBatch)));
     }
-    std::vector<natsMsg*> events;
-    if (!Pull(room, &events)) {
+    if (!Pull(room)) {
       std::unique_lock<std::mutex> hold(mutex_);
       stopped_.wait_for(hold, 500ms, [&] { return stopFetching_.load(); });
     }
-    if (!events.empty()) TakeBatch(events);
   }
 }
 
 // One pull request for at most `count` events, waiting at most
-// kFetchWaitMs for them; the events that came are added to `*events`.
-// False (said once) when the request could not be sent.
-bool JetStreamIntake::Pull(int count, std::vector<natsMsg*>* events) {
+// kFetchWaitMs for them; the events are queued as they come, a burst at a
+// time. False (said once) when the request could not be sent.
+bool JetStreamIntake::Pull(int count) {
   const std::string request = "{\"batch\":" + std::to_string(count) + ",\"expires\":" +
                               std::to_string(kFetchWaitMs * 1000000) + "}";
   natsStatus s = natsConnection_PublishRequestString(connection_, pullSubject_.c_str(),
@@ -256,22 +254,33 @@ bool JetStreamIntake::Pull(int count, std::vector<natsMsg*>* events) {
   // lost ends it after a margin. An event of an earlier request that comes
   // late is taken all the same.
   const auto end = Clock::now() + std::chrono::milliseconds(kFetchWaitMs + 250);
+  std::vector<natsMsg*> events;
   for (int taken = 0; taken < count;) {
+    // Wait for the next message, then take those already here with it.
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
-    natsMsg* message = nullptr;
-    if (left.count() <= 0 ||
-        natsSubscription_NextMsg(&message, subscription_, left.count()) != NATS_OK)
-      break;
-    const char* reply = natsMsg_GetReply(message);
-    if (reply != nullptr && std::string_view(reply).starts_with("$JS.ACK.")) {
-      events->push_back(message);
-      ++taken;
-      continue;
+    int here = 1;
+    natsSubscription_GetPending(subscription_, &here, nullptr);
+    bool over = left.count() <= 0 && here == 0;
+    for (int i = 0; !over && i < std::max(here, 1) && taken < count; ++i) {
+      natsMsg* message = nullptr;
+      if (natsSubscription_NextMsg(&message, subscription_, std::max<int64_t>(left.count(), 1)) !=
+          NATS_OK) {
+        over = true;
+        break;
+      }
+      const char* reply = natsMsg_GetReply(message);
+      if (reply != nullptr && std::string_view(reply).starts_with("$JS.ACK.")) {
+        events.push_back(message);
+        ++taken;
+        continue;
+      }
+      const char* status = nullptr;
+      over = natsMsgHeader_Get(message, "Status", &status) == NATS_OK && status != nullptr &&
+             std::string_view(status) != "100";  // 100: a heartbeat
+      natsMsg_Destroy(message);
     }
-    const char* status = nullptr;
-    bool over = natsMsgHeader_Get(message, "Status", &status) == NATS_OK && status != nullptr &&
-                std::string_view(status) != "100";  // 100: a heartbeat
-    natsMsg_Destroy(message);
+    if (!events.empty()) TakeBatch(events);
+    events.clear();
     if (over) break;
   }
   return true;

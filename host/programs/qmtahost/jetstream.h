@@ -109,7 +109,7 @@ class JetStreamIntake {
   };
   void Fetch();
   bool SetUp();
-  bool Pull(int count, std::vector<natsMsg*>* events);
+  bool Pull(int count);
   void TakeBatch(const std::vector<natsMsg*>& messages);
   natsStatus Answer(natsMsg* message, const char* what);
   void Done(uint64_t id, bool handled);
