@@ -250,11 +250,45 @@ ControlReply Dispatcher::Call(const std::function<void()>& call) {
   return reply;
 }
 
+static int64_t SteadyNanos() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+std::chrono::nanoseconds Dispatcher::HeldBackFor() const {
+  int64_t since = heldSince_.load(std::memory_order_relaxed);
+  return std::chrono::nanoseconds(since == 0 ? 0 : SteadyNanos() - since);
+}
+
+void Dispatcher::WaitForRoom() {
+  if (maxActions_ <= 0 || calls_.liveActions() < maxActions_ - maxActions_ / 4) return;
+  // Near the limit, the event is held back: first for the earlier events'
+  // threads to show up (an action thread counts itself only once it runs,
+  // a moment after the event that made it, and only the dispatcher starts
+  // action threads), then until fewer than the limit are live.
+  const int64_t start = SteadyNanos();
+  heldSince_.store(start, std::memory_order_relaxed);
+  int64_t seen = calls_.startedActions();
+  for (int round = 0; round < 50; ++round) {
+    std::this_thread::sleep_for(200us);
+    int64_t now = calls_.startedActions();
+    if (now == seen) break;
+    seen = now;
+  }
+  while (calls_.liveActions() >= maxActions_ && !calls_.waitActionsBelow(maxActions_, 1s)) {
+  }
+  counts_.heldBack.fetch_add(1, std::memory_order_relaxed);
+  counts_.heldBackNanos.fetch_add(SteadyNanos() - start, std::memory_order_relaxed);
+  heldSince_.store(0, std::memory_order_relaxed);
+}
+
 void Dispatcher::Handle(Work& work) {
   ControlReply reply;
   const InputLine& line = work.line;
   switch (line.kind) {
     case InputLine::Kind::kEvent: {
+      WaitForRoom();
       if (!work.reply) {  // nobody waits for an answer: no marks, no settling
         calls_.event(line.event);
         counts_.events.fetch_add(1, std::memory_order_relaxed);

@@ -45,6 +45,9 @@ const char kHelp[] =
     "  --command-length N    declared length of the COMMAND parameter (default: 600)\n"
     "  --control PATH        serve, ctl: the control socket (default:\n"
     "                        $RUNTIME_DIRECTORY/control, else /run/qmtahost/control)\n"
+    "  --max-actions N       wait before the next event while N action threads are live\n"
+    "                        (default: from the thread and descriptor limits, at most 4096;\n"
+    "                        0: no limit)\n"
     "  --allow-any-text      let quotes and control characters in event names through\n"
     "                        (lab runs against sim destinations only)\n"
     "Serve: events from a NATS JetStream stream, shared by every host of a group:\n"
@@ -67,7 +70,7 @@ const char kHelp[] =
 namespace {
 
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
-              kClockShift, kVersion, kControl, kAllowAnyText, kEvents = 2000 };
+              kClockShift, kVersion, kControl, kAllowAnyText, kMaxActions, kEvents = 2000 };
 
 }  // namespace
 
@@ -119,6 +122,13 @@ bool SetOption(int option, const char* value, Options* options, std::string* err
     case kVersion: options->version = true; break;
     case kControl: options->control = value; break;
     case kAllowAnyText: options->allowAnyText = true; break;
+    case kMaxActions:
+      if (!OptionNumber(value, 0, 1000000, &number)) {
+        *error = std::string("--max-actions: bad count \"") + value + "\" (0 to 1000000)";
+        return false;
+      }
+      options->maxActions = number;
+      break;
     default:
       if (option >= kEvents)
         return SetEventsOption(kEventsOptions[option - kEvents], value, &options->events, error);
@@ -141,6 +151,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"version", no_argument, nullptr, kVersion},
       {"control", required_argument, nullptr, kControl},
       {"allow-any-text", no_argument, nullptr, kAllowAnyText},
+      {"max-actions", required_argument, nullptr, kMaxActions},
   };
   // The intake's options: --events-NAME for each of kEventsOptions.
   std::vector<struct option> options_(std::begin(longOptions), std::end(longOptions));

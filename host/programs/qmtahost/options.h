@@ -29,6 +29,9 @@ struct Options {
   std::string control;      // serve: the control socket; empty: the default
   bool allowAnyText = false;  // no intake check on event text (lab runs)
   EventsSettings events;      // serve: events from a JetStream stream (--events-*)
+  // Back-pressure: live action threads above which the dispatcher waits;
+  // none given: derived from the process's limits; 0: no limit.
+  std::optional<int64_t> maxActions;
   bool help = false;
   bool version = false;     // --version: print "qmtahost VERSION" and exit
 };

@@ -125,11 +125,18 @@ void ReadInput(FILE* input, int wake, const std::atomic<bool>* stopping, Dispatc
 
 std::string Summary(const DispatchCounts& dispatched, const MessageCounts& messages) {
   auto n = [](uint64_t value) { return std::to_string(value); };
+  auto seconds = [](int64_t nanos) {
+    char text[32];
+    snprintf(text, sizeof text, "%.1f", static_cast<double>(nanos) / 1e9);
+    return std::string(text);
+  };
   return "stopped: " + n(dispatched.events.load()) + " events, " + n(messages["QMTA040I"]) +
          " actions (" + n(messages["QMTA050I"]) + " completed, " + n(messages["QMTA051W"]) +
          " offline, " + n(messages["QMTA042E"]) + " no response, " +
          n(messages["QMTA030E"] + messages["QMTA002E"]) + " errors), " +
-         n(dispatched.refused.load()) + " lines refused";
+         n(dispatched.refused.load()) + " lines refused, " + n(dispatched.heldBack.load()) +
+         " events held back for " + seconds(dispatched.heldBackNanos.load()) + " s, peak " +
+         n(host::PeakLiveActions()) + " live actions";
 }
 
 }  // namespace
@@ -153,8 +160,13 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   calls.drain = [] { Drain(); };
   calls.reload = [&](bool force) { return Reload(entries, force); };
   calls.startedActions = [] { return host::StartedActions(); };
+  calls.liveActions = [] { return host::LiveActions(); };
+  calls.waitActionsBelow = [](int64_t limit, std::chrono::milliseconds timeout) {
+    return host::WaitForActionsBelow(limit, timeout);
+  };
   Dispatcher dispatcher(std::move(calls), &relay);
   dispatcher.AllowAnyText(settings.allowAnyText);
+  dispatcher.SetMaxActions(settings.maxActions);
 
   std::string error;
   if (!relay.Start(&error)) {

@@ -33,6 +33,7 @@ struct ServiceSettings {
   bool init = true;            // call the start-up entry first
   bool allowAnyText = false;   // no intake check on event text
   bool stdoutClosed = false;   // standard output was closed at start
+  int64_t maxActions = 0;      // back-pressure limit; 0: none
   // How long a stop waits for the outcomes of actions in flight: the
   // module's own wait (60 s, shifted with the clock in tests) and a margin.
   std::chrono::seconds outcomeLimit{65};
