@@ -71,7 +71,7 @@ std::future<ControlReply> Dispatcher::Submit(const std::string& text, const std:
 std::future<ControlReply> Dispatcher::Submit(InputLine line, const std::string& source,
                                              bool wantReply) {
   std::vector<Line> lines;
-  lines.push_back({std::move(line), 0});
+  lines.push_back({std::move(line), 0, {}});
   std::future<ControlReply> answer;
   Enqueue(std::move(lines), source, wantReply ? &answer : nullptr);
   return answer;
@@ -136,6 +136,7 @@ void Dispatcher::Refuse(Work& work, const std::string& source, const std::string
   counts_.refused.fetch_add(1, std::memory_order_relaxed);
   host::Say("qmtahost: ", source + ": " + reason);
   if (work.reply) work.reply->set_value(Refusal(reason));
+  if (work.done) work.done(false);
 }
 
 void Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
@@ -151,6 +152,7 @@ void Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
   for (Line& line : lines) {
     Work work;
     work.line = std::move(line.line);
+    work.done = std::move(line.done);
     if (answer != nullptr) {
       work.reply = std::make_shared<std::promise<ControlReply>>();
       *answer = work.reply->get_future();
@@ -163,6 +165,7 @@ void Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
     }
     if (work.line.kind == InputLine::Kind::kSkip) {
       if (work.reply) work.reply->set_value(ControlReply{});
+      if (work.done) work.done(true);
     } else if (!refused.empty()) {
       Refuse(work, where(line.number), refused);
     } else {
@@ -203,6 +206,7 @@ size_t Dispatcher::Close(bool discard) {
   size_t lines = 0;
   for (Work& work : dropped) {
     if (work.reply) work.reply->set_value(Refusal("the host is stopping"));
+    if (work.done) work.done(false);
     lines += LineCount(work);
   }
   counts_.refused.fetch_add(lines, std::memory_order_relaxed);
@@ -288,6 +292,7 @@ void Dispatcher::Handle(Work& work) {
       if (!work.reply) {  // nobody waits for an answer: no marks, no settling
         calls_.event(line.event);
         counts_.events.fetch_add(1, std::memory_order_relaxed);
+        if (work.done) work.done(true);
         return;
       }
       int64_t before = SettledStarts(calls_.startedActions);
@@ -319,6 +324,7 @@ void Dispatcher::Handle(Work& work) {
       break;
   }
   if (work.reply) work.reply->set_value(std::move(reply));
+  if (work.done) work.done(true);
 }
 
 }  // namespace qmta::hostprog

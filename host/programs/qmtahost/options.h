@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "host/programs/qmtahost/jetstream.h"
+
 namespace qmta::hostprog {
 
 struct Options {
@@ -26,6 +28,7 @@ struct Options {
   bool serve = false;       // `qmtahost serve`: the control socket, no input
   std::string control;      // serve: the control socket; empty: the default
   bool allowAnyText = false;  // no intake check on event text (lab runs)
+  EventsSettings events;      // serve: events from a JetStream stream (--events-*)
   // Back-pressure: live action threads above which the dispatcher waits;
   // none given: derived from the process's limits; 0: no limit.
   std::optional<int64_t> maxActions;

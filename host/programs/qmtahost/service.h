@@ -20,6 +20,7 @@
 #include <chrono>
 #include <string>
 
+#include "host/programs/qmtahost/jetstream.h"
 #include "host/programs/qmtahost/module.h"
 
 namespace qmta::hostprog {
@@ -28,6 +29,7 @@ struct ServiceSettings {
   bool serve = false;
   FILE* input = nullptr;       // file mode: where the lines come from
   std::string controlPath;     // serve mode: the control socket
+  EventsSettings events;       // serve mode: events from a JetStream stream, when enabled
   bool init = true;            // call the start-up entry first
   bool allowAnyText = false;   // no intake check on event text
   bool stdoutClosed = false;   // standard output was closed at start
