@@ -71,7 +71,7 @@ std::future<ControlReply> Dispatcher::Submit(const std::string& text, const std:
 std::future<ControlReply> Dispatcher::Submit(InputLine line, const std::string& source,
                                              bool wantReply) {
   std::vector<Line> lines;
-  lines.push_back({std::move(line), 0});
+  lines.push_back({std::move(line), 0, {}});
   std::future<ControlReply> answer;
   Enqueue(std::move(lines), source, wantReply ? &answer : nullptr);
   return answer;
@@ -142,6 +142,7 @@ void Dispatcher::Refuse(Work& work, const std::string& source, const std::string
   host::Say("qmtahost: ", source + ": " + reason);
   if (intake_.refused) intake_.refused(source, reason, 1);
   if (work.reply) work.reply->set_value(Refusal(reason));
+  if (work.done) work.done(false);
 }
 
 size_t Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
@@ -157,6 +158,7 @@ size_t Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
   for (Line& line : lines) {
     Work work;
     work.line = std::move(line.line);
+    work.done = std::move(line.done);
     if (answer != nullptr) {
       work.reply = std::make_shared<std::promise<ControlReply>>();
       *answer = work.reply->get_future();
@@ -169,6 +171,7 @@ size_t Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
     }
     if (work.line.kind == InputLine::Kind::kSkip) {
       if (work.reply) work.reply->set_value(ControlReply{});
+      if (work.done) work.done(true);
     } else if (!refused.empty()) {
       Refuse(work, where(line.number), refused);
     } else {
@@ -217,6 +220,7 @@ size_t Dispatcher::Close(bool discard) {
   size_t lines = 0;
   for (Work& work : dropped) {
     if (work.reply) work.reply->set_value(Refusal("the host is stopping"));
+    if (work.done) work.done(false);
     lines += LineCount(work);
   }
   counts_.refused.fetch_add(lines, std::memory_order_relaxed);
@@ -303,6 +307,7 @@ void Dispatcher::Handle(Work& work) {
       if (!work.reply) {  // nobody waits for an answer: no marks, no settling
         calls_.event(line.event);
         counts_.events.fetch_add(1, std::memory_order_relaxed);
+        if (work.done) work.done(true);
         return;
       }
       int64_t before = SettledStarts(calls_.startedActions);
@@ -334,6 +339,7 @@ void Dispatcher::Handle(Work& work) {
       break;
   }
   if (work.reply) work.reply->set_value(std::move(reply));
+  if (work.done) work.done(true);
 }
 
 }  // namespace qmta::hostprog

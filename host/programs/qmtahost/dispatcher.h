@@ -82,6 +82,11 @@ class Dispatcher {
   struct Line {
     InputLine line;
     long number = 0;  // 0: not numbered
+    // Called once: true when the line has been handled (for an event: the
+    // module's event exit has returned), false when it was refused or
+    // dropped unrun. On the dispatcher thread, or on the thread that
+    // refused or dropped it.
+    std::function<void(bool handled)> done;
   };
   // Returns how many were queued: all of them that the intake check lets
   // through, or none once the host is stopping.
@@ -124,6 +129,7 @@ class Dispatcher {
   struct Work {
     InputLine line;
     std::shared_ptr<std::promise<ControlReply>> reply;  // null: no answer wanted
+    std::function<void(bool handled)> done;              // may be empty (Line::done)
     // A batch of raw input lines (SubmitText): each ended by '\n', the
     // first numbered `number`; `tooLong` lists the lines that were cut.
     std::string raw;

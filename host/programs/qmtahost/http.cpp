@@ -411,7 +411,7 @@ HttpServer::Answer HttpServer::Events(const std::string& body) {
         break;
     }
     if (reason.empty()) {
-      lines.push_back({std::move(line), static_cast<long>(number)});
+      lines.push_back({std::move(line), static_cast<long>(number), {}});
       continue;
     }
     metrics_->Refused(SourceKind::kHttp, kind, 1);

@@ -41,6 +41,7 @@
 #include "host/programs/qmtahost/options.h"
 #include "host/programs/qmtahost/reload.h"
 #include "host/programs/qmtahost/rulecheck.h"
+#include "host/programs/qmtahost/send.h"
 #include "host/programs/qmtahost/service.h"
 #include "host/programs/qmtahost/signals.h"
 #include "host/services/control.h"
@@ -219,6 +220,8 @@ int Run(const Options& options, bool stdoutClosed) {
                                                  : setup.Absolute(options.control);
   settings.init = options.init;
   settings.allowAnyText = options.allowAnyText;
+  settings.events = options.events;
+  settings.events.allowAnyText = options.allowAnyText;
   settings.stdoutClosed = stdoutClosed;
   settings.outcomeLimit = std::chrono::seconds(std::max(5, 65 + options.clockShift));
   settings.maxActions = options.maxActions ? *options.maxActions : DefaultMaxActions();
@@ -242,6 +245,7 @@ int main(int argc, char** argv) {
   if (argc > 1 && strcmp(argv[1], "check") == 0) return RunCheck(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "explain") == 0) return RunExplain(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "ctl") == 0) return RunCtl(argc - 1, argv + 1);
+  if (argc > 1 && strcmp(argv[1], "send") == 0) return RunSend(argc - 1, argv + 1);
 
   Options options;
   std::string error;

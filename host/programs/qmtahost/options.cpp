@@ -14,14 +14,17 @@ const char kUsage[] =
     "                [--server NAME] [--trace LEVEL] [--no-init] [--command-length N]\n"
     "                [--allow-any-text] [INPUT]\n"
     "       qmtahost serve [--control PATH] [--listen ADDR:PORT [--token-file FILE]\n"
-    "                      [--tls-cert FILE --tls-key FILE]] [OPTION]...\n"
+    "                      [--tls-cert FILE --tls-key FILE]] [--events-nats URL ...]\n"
+    "                      [OPTION]...\n"
     "       qmtahost ctl [--control PATH] LINE...\n"
+    "       qmtahost send [--nats URL] [--subject SUBJECT] [CREDENTIALS] EVENT...\n"
     "       qmtahost check|explain ...\n";
 
 const char kHelp[] =
     "usage: qmtahost [OPTION]... [INPUT]\n"
     "       qmtahost serve [--control PATH] [OPTION]...\n"
     "       qmtahost ctl [--control PATH] LINE...\n"
+    "       qmtahost send [--nats URL] [--subject SUBJECT] [CREDENTIALS] EVENT...\n"
     "       qmtahost check [--strict] [--json] [--max-size BYTES] [--actions DIR]\n"
     "                      [--nodes FILE] [FILE]\n"
     "       qmtahost explain [--dir DIR] [--nodes FILE] EVENT...\n"
@@ -29,13 +32,16 @@ const char kHelp[] =
     "(standard input when INPUT is missing or \"-\").\n"
     "  serve     runs until stopped, taking lines on the control socket\n"
     "  ctl       sends lines to a serving host and prints what their handling printed\n"
+    "  send      publishes events to a JetStream stream, each acknowledged by the server\n"
+    "            (\"qmtahost send --help\" for its options)\n"
     "  check     checks a rule file (default ./QMTASITR) without touching a running host\n"
     "  explain   shows the rules an event would fire and the commands they would send\n"
     "            (EVENT is a JSON event line; \"-\" reads them from standard input)\n"
     "  --dir DIR             work in DIR; the rule file is DIR/QMTASITR (default: .)\n"
     "  --nodes FILE          destination directory (default: every node runs \"local\")\n"
     "  --actions DIR         programs of the local driver (default: DIR/actions)\n"
-    "  --module PATH         module to load (default: ../lib/libqmtautox.so beside qmtahost)\n"
+    "  --module PATH         module to load (default: ../lib/qmta/libqmtautox.so beside\n"
+    "                        qmtahost, else ../lib/libqmtautox.so)\n"
     "  --server NAME         server name, at most 9 characters (default: the host name)\n"
     "  --trace LEVEL         trace level of every unit, written to standard error\n"
     "  --no-init             do not call the start-up entry; the first event initialises\n"
@@ -59,6 +65,18 @@ const char kHelp[] =
     "  --http-timeout S      idle HTTP connections close after S seconds (default: 30)\n"
     "  --http-busy-after S   POST /v1/events answers 503 while an event has been held\n"
     "                        back (--max-actions) for S seconds (default: 10)\n"
+    "Serve: events from a NATS JetStream stream, shared by every host of a group:\n"
+    "  --events-nats URL[,URL...]   the NATS server(s)\n"
+    "  --events-stream NAME         the stream (created, as a work queue, when missing)\n"
+    "  --events-subject SUBJECT     the subject the events are published on\n"
+    "  --events-consumer NAME       the durable consumer the hosts share (default: qmtahost)\n"
+    "  --events-max-pending N       a new consumer's limit of unacknowledged events\n"
+    "                               (default: 1000)\n"
+    "  --events-ack-wait S          a new consumer's wait before an unacknowledged event\n"
+    "                               goes to another host (default: 30)\n"
+    "  --events-user NAME --events-password-file FILE | --events-creds FILE\n"
+    "  --events-tls-ca FILE  --events-tls-cert FILE --events-tls-key FILE\n"
+    "  --events-insecure            connect without client credentials\n"
     "  -h, --help            print this help and exit\n"
     "  --version             print the version and exit\n"
     "Input lines: events (JSON), {\"drain\": true}, {\"reload\": true} (checked reload,\n"
@@ -68,9 +86,9 @@ namespace {
 
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
               kClockShift, kVersion, kControl, kAllowAnyText, kMaxActions,
-              // The HTTP options, last (ParseOptions tells them by their order).
+              // The HTTP options, together (ParseOptions tells them by their order).
               kListen, kTokenFile, kTlsCert, kTlsKey, kHttpMaxBody, kHttpMaxConnections,
-              kHttpTimeout, kHttpBusyAfter };
+              kHttpTimeout, kHttpBusyAfter, kEvents = 2000 };
 
 }  // namespace
 
@@ -139,6 +157,9 @@ bool SetOption(int option, const char* value, Options* options, std::string* err
     case kHttpMaxConnections:
     case kHttpTimeout:
     case kHttpBusyAfter: return SetHttpLimit(option, value, options, error);
+    default:
+      if (option >= kEvents)
+        return SetEventsOption(kEventsOptions[option - kEvents], value, &options->events, error);
   }
   return true;
 }
@@ -212,8 +233,21 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"http-max-connections", required_argument, nullptr, kHttpMaxConnections},
       {"http-timeout", required_argument, nullptr, kHttpTimeout},
       {"http-busy-after", required_argument, nullptr, kHttpBusyAfter},
-      {nullptr, 0, nullptr, 0},
   };
+  // The intake's options: --events-NAME for each of kEventsOptions.
+  std::vector<struct option> options_(std::begin(longOptions), std::end(longOptions));
+  static const std::vector<std::string> eventsNames = [] {
+    std::vector<std::string> names;
+    for (int i = 0; kEventsOptions[i] != nullptr; ++i)
+      names.push_back(std::string("events-") + kEventsOptions[i]);
+    return names;
+  }();
+  for (size_t i = 0; i < eventsNames.size(); ++i)
+    options_.push_back({eventsNames[i].c_str(),
+                        EventsOptionTakesValue(kEventsOptions[i]) ? required_argument : no_argument,
+                        nullptr, static_cast<int>(kEvents + i)});
+  options_.push_back({nullptr, 0, nullptr, 0});
+  bool eventsGiven = false;
   // getopt_long may reorder the pointers; it works on a copy (without the
   // word "serve").
   std::vector<char*> args(argv, argv + argc);
@@ -227,7 +261,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
   opterr = 0;  // the messages are ours
   bool anyHttpOption = false;
   for (;;) {
-    int option = getopt_long(argc, args.data(), ":h", longOptions, nullptr);
+    int option = getopt_long(argc, args.data(), ":h", options_.data(), nullptr);
     if (option == -1) break;
     // The word that was wrong: a short option by its letter, a long one as
     // written.
@@ -242,7 +276,19 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       return false;
     }
     if (!SetOption(option, optarg, options, error)) return false;
-    anyHttpOption |= option >= kListen;
+    anyHttpOption |= option >= kListen && option <= kHttpBusyAfter;
+    eventsGiven |= option >= kEvents;
+  }
+  if (eventsGiven && !options->events.enabled()) {
+    *error = "the --events- options need --events-nats";
+    return false;
+  }
+  if (options->events.enabled()) {
+    if (!options->serve) {
+      *error = "--events-nats is an option of serve";
+      return false;
+    }
+    if (!CheckEventsSettings(options->events, error)) return false;
   }
   if (!CheckHttpOptions(*options, anyHttpOption, error)) return false;
   if (options->serve && optind < argc) {

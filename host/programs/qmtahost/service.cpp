@@ -210,6 +210,14 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
 
   ControlServer control;
   HttpServer httpServer(&dispatcher, &metrics, &relay);
+  JetStreamIntake intake;
+  ActionProgress progress{[] { return host::StartedActions(); },
+                          [&] { return relay.commandsWritten(); }};
+  if (settings.events.enabled() &&
+      !intake.Start(settings.events, &dispatcher, std::move(progress), &error)) {
+    Say(error);
+    stop.Request(1);
+  }
   std::thread reader;
   std::atomic<bool> stopping{false};
   if (settings.serve) {
@@ -236,10 +244,13 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   // next line (or at once, when it waits for input or for queue room).
   stopping = true;
   if (wake[1] >= 0) (void)!write(wake[1], "", 1);
+  intake.StopFetching();
   if (size_t dropped = dispatcher.Close(asked))
     Say(std::to_string(dropped) + " queued lines not run: the host is stopping");
   if (reader.joinable()) reader.join();
   dispatch.join();
+  // Handled events acknowledged, dropped ones given back for another host.
+  intake.Finish();
   control.Stop();
   httpServer.Stop();
 

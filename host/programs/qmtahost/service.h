@@ -21,6 +21,7 @@
 #include <string>
 
 #include "host/programs/qmtahost/http.h"
+#include "host/programs/qmtahost/jetstream.h"
 #include "host/programs/qmtahost/module.h"
 
 namespace qmta::hostprog {
@@ -29,6 +30,7 @@ struct ServiceSettings {
   bool serve = false;
   FILE* input = nullptr;       // file mode: where the lines come from
   std::string controlPath;     // serve mode: the control socket
+  EventsSettings events;       // serve mode: events from a JetStream stream, when enabled
   bool init = true;            // call the start-up entry first
   bool allowAnyText = false;   // no intake check on event text
   bool stdoutClosed = false;   // standard output was closed at start
