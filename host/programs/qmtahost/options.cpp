@@ -14,8 +14,7 @@ const char kUsage[] =
     "                [--server NAME] [--trace LEVEL] [--no-init] [--command-length N]\n"
     "                [--allow-any-text] [INPUT]\n"
     "       qmtahost serve [--control PATH] [--listen ADDR:PORT [--token-file FILE]\n"
-    "                      [--tls-cert FILE --tls-key FILE]] [--events-nats URL ...]\n"
-    "                      [OPTION]...\n"
+    "                      [--tls-cert FILE --tls-key FILE]] [--events-nats URL ...] [OPTION]...\n"
     "       qmtahost ctl [--control PATH] LINE...\n"
     "       qmtahost send [--nats URL] [--subject SUBJECT] [CREDENTIALS] EVENT...\n"
     "       qmtahost check|explain ...\n";
@@ -86,7 +85,7 @@ namespace {
 
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
               kClockShift, kVersion, kControl, kAllowAnyText, kMaxActions,
-              // The HTTP options, together (ParseOptions tells them by their order).
+              // The HTTP options, in a row (ParseOptions tells them by their order).
               kListen, kTokenFile, kTlsCert, kTlsKey, kHttpMaxBody, kHttpMaxConnections,
               kHttpTimeout, kHttpBusyAfter, kEvents = 2000 };
 
@@ -276,8 +275,8 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       return false;
     }
     if (!SetOption(option, optarg, options, error)) return false;
-    anyHttpOption |= option >= kListen && option <= kHttpBusyAfter;
     eventsGiven |= option >= kEvents;
+    anyHttpOption |= option >= kListen && option < kEvents;
   }
   if (eventsGiven && !options->events.enabled()) {
     *error = "the --events- options need --events-nats";

@@ -209,7 +209,6 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   });
 
   ControlServer control;
-  HttpServer httpServer(&dispatcher, &metrics, &relay);
   JetStreamIntake intake;
   ActionProgress progress{[] { return host::StartedActions(); },
                           [&] { return relay.commandsWritten(); }};
@@ -218,6 +217,7 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
     Say(error);
     stop.Request(1);
   }
+  HttpServer httpServer(&dispatcher, &metrics, &relay);
   std::thread reader;
   std::atomic<bool> stopping{false};
   if (settings.serve) {

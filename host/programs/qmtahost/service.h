@@ -20,8 +20,8 @@
 #include <chrono>
 #include <string>
 
-#include "host/programs/qmtahost/http.h"
 #include "host/programs/qmtahost/jetstream.h"
+#include "host/programs/qmtahost/http.h"
 #include "host/programs/qmtahost/module.h"
 
 namespace qmta::hostprog {
