@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "host/common/files.h"
+#include "host/common/limits.h"
 #include "host/common/say.h"
 #include "host/drivers/driver.h"
 #include "host/drivers/local/local.h"
@@ -187,6 +188,9 @@ int Run(const Options& options, bool stdoutClosed) {
   settings.stdoutClosed = stdoutClosed;
   settings.outcomeLimit = std::chrono::seconds(std::max(5, 65 + options.clockShift));
   int status = RunService(entries, settings);
+  // Program output that a blocked standard error held back, if it takes
+  // it now.
+  host::FlushLocalOutput(std::chrono::seconds(2));
   if (setup.in != stdin) fclose(setup.in);
   return status;
 }
@@ -206,6 +210,8 @@ int main(int argc, char** argv) {
   if (argc > 1 && strcmp(argv[1], "explain") == 0) return RunExplain(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "ctl") == 0) return RunCtl(argc - 1, argv + 1);
 
+  // Before any thread starts; action programs get the limit as it was.
+  host::RaiseDescriptorLimit();
   Options options;
   std::string error;
   if (!ParseOptions(argc, argv, &options, &error)) {
