@@ -43,8 +43,9 @@ struct OutputQueue;
 // stuck on one line for half a second (standard error is blocked). Dropped
 // lines are counted and reported as "[output dropped: N lines]" in their
 // place once a line of the action is queued again, or at the end. Lines
-// of all actions together are bounded too (8 MiB). Used by the action's
-// runner thread alone.
+// of all actions together are bounded too (4 MiB; 8 MiB with the driver's
+// own lines, beyond which nothing is queued). Used by the action's runner
+// thread alone.
 class Output {
  public:
   explicit Output(uint32_t requestId);
