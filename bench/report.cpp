@@ -105,6 +105,17 @@ std::vector<Figure> Figures() {
                      "ingest/floor/real_time", "items_per_second", "events/s", false, 0.5));
   figures.push_back(Make("local actions", "local/ours/real_time", "local/floor/real_time",
                      "items_per_second", "actions/s", false, 0.7));
+  // The JetStream intake against the standard-input path, each event
+  // starting one sim action.
+  figures.push_back(Make("JetStream intake, acknowledged (floor: standard input)",
+                     "jetstream/ours/real_time", "jetstream/floor/real_time", "items_per_second",
+                     "events/s", false, 0.3));
+  figures.push_back(Make("JetStream latency to QMTA040I, median (floor: standard input)",
+                     "jetstream_latency/ours/real_time", "jetstream_latency/floor/real_time",
+                     "p50_us", "us", true, 0));
+  figures.push_back(Make("JetStream latency to QMTA040I, 99th percentile (floor: standard input)",
+                     "jetstream_latency/ours/real_time", "jetstream_latency/floor/real_time",
+                     "p99_us", "us", true, 0));
   return figures;
 }
 

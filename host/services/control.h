@@ -44,11 +44,16 @@ QMTA_HOSTSVC_API void RegisterLoadModule(const std::string& name, const std::str
 QMTA_HOSTSVC_API int64_t LiveActions();
 // Action threads that have called zblercm since the process started.
 QMTA_HOSTSVC_API int64_t StartedActions();
+// The most action threads that were live at once since the process started.
+QMTA_HOSTSVC_API int64_t PeakLiveActions();
 // Waits until no action thread is live and none has started for the settle
 // time; false when `limit` passed first. An action thread is seen only from
 // its first call (zblercm), a moment after the event call that created it
 // has returned, so a drain waits for quiet rather than for a count.
 QMTA_HOSTSVC_API bool WaitForActions(std::chrono::milliseconds limit);
+// Waits until fewer than `limit` action threads are live; false when
+// `timeout` passed first (back-pressure: one waiter at a time).
+QMTA_HOSTSVC_API bool WaitForActionsBelow(int64_t limit, std::chrono::milliseconds timeout);
 // The settle time of WaitForActions (default 50 ms).
 QMTA_HOSTSVC_API void SetActionSettle(std::chrono::milliseconds settle);
 

@@ -15,6 +15,7 @@ namespace {
 
 std::atomic<int64_t> liveActions{0};
 std::atomic<int64_t> startedActions{0};
+std::atomic<int64_t> peakActions{0};  // most action threads live at once
 std::atomic<int64_t> actionSettle{50};  // milliseconds
 // Pairs with actionsIdle: the counters are atomics, but a waiter in
 // WaitForActions checks them under this mutex, and the action threads
@@ -22,6 +23,9 @@ std::atomic<int64_t> actionSettle{50};  // milliseconds
 // between a waiter's check and its wait.
 std::mutex actionMutex;
 std::condition_variable actionsIdle;
+// The limit a back-pressure wait waits to fall below (0: nobody waits); an
+// action thread ending at or under it wakes the waiter.
+std::atomic<int64_t> roomWatch{0};
 
 }  // namespace
 
@@ -29,6 +33,7 @@ namespace qmta::host {
 
 int64_t LiveActions() { return liveActions.load(); }
 int64_t StartedActions() { return startedActions.load(); }
+int64_t PeakLiveActions() { return peakActions.load(std::memory_order_relaxed); }
 
 void SetActionSettle(std::chrono::milliseconds settle) { actionSettle.store(settle.count()); }
 
@@ -47,6 +52,14 @@ bool WaitForActions(std::chrono::milliseconds limit) {
   }
 }
 
+bool WaitForActionsBelow(int64_t limit, std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> hold(actionMutex);
+  roomWatch.store(limit);
+  bool room = actionsIdle.wait_for(hold, timeout, [limit] { return liveActions.load() < limit; });
+  roomWatch.store(0);
+  return room;
+}
+
 }  // namespace qmta::host
 
 extern "C" {
@@ -57,7 +70,10 @@ QMTA_HOSTSVC_API struct tm* zblreltm(const time_t* seconds) {
 }
 
 QMTA_HOSTSVC_API int32_t zblercm(void) {
-  liveActions.fetch_add(1);
+  const int64_t live = liveActions.fetch_add(1) + 1;
+  int64_t peak = peakActions.load(std::memory_order_relaxed);
+  while (live > peak && !peakActions.compare_exchange_weak(peak, live, std::memory_order_relaxed)) {
+  }
   startedActions.fetch_add(1);
   {
     std::lock_guard<std::mutex> hold(actionMutex);
@@ -67,7 +83,8 @@ QMTA_HOSTSVC_API int32_t zblercm(void) {
 }
 
 QMTA_HOSTSVC_API int32_t zblerdm(void) {
-  if (liveActions.fetch_sub(1) == 1) {
+  const int64_t before = liveActions.fetch_sub(1);
+  if (before == 1 || before <= roomWatch.load(std::memory_order_relaxed)) {
     std::lock_guard<std::mutex> hold(actionMutex);
     actionsIdle.notify_all();
   }

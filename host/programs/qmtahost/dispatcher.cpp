@@ -71,7 +71,7 @@ std::future<ControlReply> Dispatcher::Submit(const std::string& text, const std:
 std::future<ControlReply> Dispatcher::Submit(InputLine line, const std::string& source,
                                              bool wantReply) {
   std::vector<Line> lines;
-  lines.push_back({std::move(line), 0});
+  lines.push_back({std::move(line), 0, {}});
   std::future<ControlReply> answer;
   Enqueue(std::move(lines), source, wantReply ? &answer : nullptr);
   return answer;
@@ -136,6 +136,7 @@ void Dispatcher::Refuse(Work& work, const std::string& source, const std::string
   counts_.refused.fetch_add(1, std::memory_order_relaxed);
   host::Say("qmtahost: ", source + ": " + reason);
   if (work.reply) work.reply->set_value(Refusal(reason));
+  if (work.done) work.done(false);
 }
 
 void Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
@@ -151,6 +152,7 @@ void Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
   for (Line& line : lines) {
     Work work;
     work.line = std::move(line.line);
+    work.done = std::move(line.done);
     if (answer != nullptr) {
       work.reply = std::make_shared<std::promise<ControlReply>>();
       *answer = work.reply->get_future();
@@ -163,6 +165,7 @@ void Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
     }
     if (work.line.kind == InputLine::Kind::kSkip) {
       if (work.reply) work.reply->set_value(ControlReply{});
+      if (work.done) work.done(true);
     } else if (!refused.empty()) {
       Refuse(work, where(line.number), refused);
     } else {
@@ -203,6 +206,7 @@ size_t Dispatcher::Close(bool discard) {
   size_t lines = 0;
   for (Work& work : dropped) {
     if (work.reply) work.reply->set_value(Refusal("the host is stopping"));
+    if (work.done) work.done(false);
     lines += LineCount(work);
   }
   counts_.refused.fetch_add(lines, std::memory_order_relaxed);
@@ -246,14 +250,49 @@ ControlReply Dispatcher::Call(const std::function<void()>& call) {
   return reply;
 }
 
+static int64_t SteadyNanos() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+std::chrono::nanoseconds Dispatcher::HeldBackFor() const {
+  int64_t since = heldSince_.load(std::memory_order_relaxed);
+  return std::chrono::nanoseconds(since == 0 ? 0 : SteadyNanos() - since);
+}
+
+void Dispatcher::WaitForRoom() {
+  if (maxActions_ <= 0 || calls_.liveActions() < maxActions_ - maxActions_ / 4) return;
+  // Near the limit, the event is held back: first for the earlier events'
+  // threads to show up (an action thread counts itself only once it runs,
+  // a moment after the event that made it, and only the dispatcher starts
+  // action threads), then until fewer than the limit are live.
+  const int64_t start = SteadyNanos();
+  heldSince_.store(start, std::memory_order_relaxed);
+  int64_t seen = calls_.startedActions();
+  for (int round = 0; round < 50; ++round) {
+    std::this_thread::sleep_for(200us);
+    int64_t now = calls_.startedActions();
+    if (now == seen) break;
+    seen = now;
+  }
+  while (calls_.liveActions() >= maxActions_ && !calls_.waitActionsBelow(maxActions_, 1s)) {
+  }
+  counts_.heldBack.fetch_add(1, std::memory_order_relaxed);
+  counts_.heldBackNanos.fetch_add(SteadyNanos() - start, std::memory_order_relaxed);
+  heldSince_.store(0, std::memory_order_relaxed);
+}
+
 void Dispatcher::Handle(Work& work) {
   ControlReply reply;
   const InputLine& line = work.line;
   switch (line.kind) {
     case InputLine::Kind::kEvent: {
+      WaitForRoom();
       if (!work.reply) {  // nobody waits for an answer: no marks, no settling
         calls_.event(line.event);
         counts_.events.fetch_add(1, std::memory_order_relaxed);
+        if (work.done) work.done(true);
         return;
       }
       int64_t before = SettledStarts(calls_.startedActions);
@@ -285,6 +324,7 @@ void Dispatcher::Handle(Work& work) {
       break;
   }
   if (work.reply) work.reply->set_value(std::move(reply));
+  if (work.done) work.done(true);
 }
 
 }  // namespace qmta::hostprog

@@ -16,6 +16,7 @@
 #include <stdint.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -42,6 +43,10 @@ struct ModuleCalls {
   std::function<ControlReply(bool force)> reload;
   // Action threads started since the process began (for an event's answer).
   std::function<int64_t()> startedActions;
+  // Action threads live now, and a wait until fewer than a limit are
+  // (false when the time ran out first): back-pressure.
+  std::function<int64_t()> liveActions;
+  std::function<bool(int64_t limit, std::chrono::milliseconds timeout)> waitActionsBelow;
 };
 
 // Counts kept by the dispatcher; relaxed atomics, readable anywhere.
@@ -51,6 +56,8 @@ struct DispatchCounts {
   std::atomic<uint64_t> commands{0};  // module commands
   std::atomic<uint64_t> reloads{0};   // checked reloads that ran REFRESH
   std::atomic<uint64_t> reloadsRefused{0};
+  std::atomic<uint64_t> heldBack{0};       // events that waited for room
+  std::atomic<int64_t> heldBackNanos{0};   // time they waited, in all
 };
 
 class Dispatcher {
@@ -74,6 +81,11 @@ class Dispatcher {
   struct Line {
     InputLine line;
     long number = 0;  // 0: not numbered
+    // Called once: true when the line has been handled (for an event: the
+    // module's event exit has returned), false when it was refused or
+    // dropped unrun. On the dispatcher thread, or on the thread that
+    // refused or dropped it.
+    std::function<void(bool handled)> done;
   };
   void SubmitLines(std::vector<Line> lines, const std::string& source);
   // Raw lines of an input file, each ended by '\n', the first being line
@@ -90,6 +102,13 @@ class Dispatcher {
   size_t Close(bool discard);
   // Without the intake check on event text (--allow-any-text).
   void AllowAnyText(bool allow) { allowAnyText_ = allow; }
+  // Back-pressure: before an event goes to the module, the dispatcher waits
+  // while `limit` or more action threads are live (0: no limit). One event
+  // whose rules match more actions than the limit still starts them all.
+  // Set before Run.
+  void SetMaxActions(int64_t limit) { maxActions_ = limit; }
+  // How long the event now waiting for room has waited; zero when none.
+  std::chrono::nanoseconds HeldBackFor() const;
 
   const DispatchCounts& counts() const { return counts_; }
 
@@ -97,6 +116,7 @@ class Dispatcher {
   struct Work {
     InputLine line;
     std::shared_ptr<std::promise<ControlReply>> reply;  // null: no answer wanted
+    std::function<void(bool handled)> done;              // may be empty (Line::done)
     // A batch of raw input lines (SubmitText): each ended by '\n', the
     // first numbered `number`; `tooLong` lists the lines that were cut.
     std::string raw;
@@ -104,6 +124,7 @@ class Dispatcher {
     std::vector<long> tooLong;
   };
   void HandleText(Work& work);
+  void WaitForRoom();
   static size_t LineCount(const Work& work);
   void Enqueue(std::vector<Line> lines, const std::string& source,
                std::future<ControlReply>* answer);
@@ -114,6 +135,10 @@ class Dispatcher {
   ModuleCalls calls_;
   OutputRelay* relay_;
   bool allowAnyText_ = false;
+  int64_t maxActions_ = 0;
+  // When the event now held back began to wait (steady clock, ns); 0 when
+  // none is. Written by the dispatcher, read by anyone.
+  std::atomic<int64_t> heldSince_{0};
 
   std::mutex mutex_;  // guards queue_, closed_ and the two wait flags below
   std::condition_variable queued_;

@@ -16,6 +16,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,6 +41,7 @@
 #include "host/programs/qmtahost/options.h"
 #include "host/programs/qmtahost/reload.h"
 #include "host/programs/qmtahost/rulecheck.h"
+#include "host/programs/qmtahost/send.h"
 #include "host/programs/qmtahost/service.h"
 #include "host/programs/qmtahost/signals.h"
 #include "host/services/control.h"
@@ -140,6 +142,20 @@ void Configure(const Options& options) {
   if (options.clockShift != 0) host::SetClockShift(std::chrono::seconds(options.clockShift));
 }
 
+// The back-pressure limit when none is given: at most 4096 live actions,
+// fewer when the process may not have that many threads, or descriptors
+// for the programs of `local` actions (about four each, with room for the
+// host's own).
+int64_t DefaultMaxActions() {
+  int64_t limit = 4096;
+  struct rlimit got;
+  if (getrlimit(RLIMIT_NPROC, &got) == 0 && got.rlim_cur != RLIM_INFINITY)
+    limit = std::min<int64_t>(limit, static_cast<int64_t>(got.rlim_cur / 2));
+  if (getrlimit(RLIMIT_NOFILE, &got) == 0 && got.rlim_cur != RLIM_INFINITY)
+    limit = std::min<int64_t>(limit, static_cast<int64_t>(got.rlim_cur / 8));
+  return std::max<int64_t>(limit, 16);
+}
+
 // `qmtahost ctl [--control PATH] LINE...`
 int RunCtl(int argc, char** argv) {
   std::string path = DefaultControlPath();
@@ -185,8 +201,11 @@ int Run(const Options& options, bool stdoutClosed) {
                                                  : setup.Absolute(options.control);
   settings.init = options.init;
   settings.allowAnyText = options.allowAnyText;
+  settings.events = options.events;
+  settings.events.allowAnyText = options.allowAnyText;
   settings.stdoutClosed = stdoutClosed;
   settings.outcomeLimit = std::chrono::seconds(std::max(5, 65 + options.clockShift));
+  settings.maxActions = options.maxActions ? *options.maxActions : DefaultMaxActions();
   int status = RunService(entries, settings);
   // Program output that a blocked standard error held back, if it takes
   // it now.
@@ -209,6 +228,7 @@ int main(int argc, char** argv) {
   if (argc > 1 && strcmp(argv[1], "check") == 0) return RunCheck(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "explain") == 0) return RunExplain(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "ctl") == 0) return RunCtl(argc - 1, argv + 1);
+  if (argc > 1 && strcmp(argv[1], "send") == 0) return RunSend(argc - 1, argv + 1);
 
   // Before any thread starts; action programs get the limit as it was.
   host::RaiseDescriptorLimit();

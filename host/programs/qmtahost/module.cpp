@@ -79,7 +79,9 @@ std::string DefaultModule() {
   std::error_code error;
   fs::path self = fs::read_symlink("/proc/self/exe", error);
   if (error) return "libqmtautox.so";
-  return (self.parent_path() / ".." / "lib" / "libqmtautox.so").lexically_normal().string();
+  fs::path installed = (self.parent_path() / QMTA_MODULE_DIR / "libqmtautox.so").lexically_normal();
+  fs::path built = (self.parent_path() / ".." / "lib" / "libqmtautox.so").lexically_normal();
+  return (fs::exists(installed, error) || !fs::exists(built, error) ? installed : built).string();
 }
 
 void Initialise(QMTAINIT_Entry init) {

@@ -22,7 +22,9 @@ struct Entries {
 // "QMTAUTOX" for TESTSIT. False, after saying why, when it cannot.
 bool LoadModule(const std::string& path, Entries* entries);
 
-// The default module: ../lib/libqmtautox.so beside this program.
+// The default module, beside this program: QMTA_MODULE_DIR/libqmtautox.so
+// (the installed layout, ../lib/qmta) when it is there, else
+// ../lib/libqmtautox.so (the build tree).
 std::string DefaultModule();
 
 // Runs the start-up entry on a thread of its own and waits until it has

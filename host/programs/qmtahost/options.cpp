@@ -13,14 +13,16 @@ const char kUsage[] =
     "usage: qmtahost [--dir DIR] [--nodes FILE] [--actions DIR] [--module PATH]\n"
     "                [--server NAME] [--trace LEVEL] [--no-init] [--command-length N]\n"
     "                [--allow-any-text] [INPUT]\n"
-    "       qmtahost serve [--control PATH] [OPTION]...\n"
+    "       qmtahost serve [--control PATH] [--events-nats URL ...] [OPTION]...\n"
     "       qmtahost ctl [--control PATH] LINE...\n"
+    "       qmtahost send [--nats URL] [--subject SUBJECT] [CREDENTIALS] EVENT...\n"
     "       qmtahost check|explain ...\n";
 
 const char kHelp[] =
     "usage: qmtahost [OPTION]... [INPUT]\n"
     "       qmtahost serve [--control PATH] [OPTION]...\n"
     "       qmtahost ctl [--control PATH] LINE...\n"
+    "       qmtahost send [--nats URL] [--subject SUBJECT] [CREDENTIALS] EVENT...\n"
     "       qmtahost check [--strict] [--json] [--max-size BYTES] [--actions DIR]\n"
     "                      [--nodes FILE] [FILE]\n"
     "       qmtahost explain [--dir DIR] [--nodes FILE] EVENT...\n"
@@ -28,21 +30,39 @@ const char kHelp[] =
     "(standard input when INPUT is missing or \"-\").\n"
     "  serve     runs until stopped, taking lines on the control socket\n"
     "  ctl       sends lines to a serving host and prints what their handling printed\n"
+    "  send      publishes events to a JetStream stream, each acknowledged by the server\n"
+    "            (\"qmtahost send --help\" for its options)\n"
     "  check     checks a rule file (default ./QMTASITR) without touching a running host\n"
     "  explain   shows the rules an event would fire and the commands they would send\n"
     "            (EVENT is a JSON event line; \"-\" reads them from standard input)\n"
     "  --dir DIR             work in DIR; the rule file is DIR/QMTASITR (default: .)\n"
     "  --nodes FILE          destination directory (default: every node runs \"local\")\n"
     "  --actions DIR         programs of the local driver (default: DIR/actions)\n"
-    "  --module PATH         module to load (default: ../lib/libqmtautox.so beside qmtahost)\n"
+    "  --module PATH         module to load (default: ../lib/qmta/libqmtautox.so beside\n"
+    "                        qmtahost, else ../lib/libqmtautox.so)\n"
     "  --server NAME         server name, at most 9 characters (default: the host name)\n"
     "  --trace LEVEL         trace level of every unit, written to standard error\n"
     "  --no-init             do not call the start-up entry; the first event initialises\n"
     "  --command-length N    declared length of the COMMAND parameter (default: 600)\n"
     "  --control PATH        serve, ctl: the control socket (default:\n"
     "                        $RUNTIME_DIRECTORY/control, else /run/qmtahost/control)\n"
+    "  --max-actions N       wait before the next event while N action threads are live\n"
+    "                        (default: from the thread and descriptor limits, at most 4096;\n"
+    "                        0: no limit)\n"
     "  --allow-any-text      let quotes and control characters in event names through\n"
     "                        (lab runs against sim destinations only)\n"
+    "Serve: events from a NATS JetStream stream, shared by every host of a group:\n"
+    "  --events-nats URL[,URL...]   the NATS server(s)\n"
+    "  --events-stream NAME         the stream (created, as a work queue, when missing)\n"
+    "  --events-subject SUBJECT     the subject the events are published on\n"
+    "  --events-consumer NAME       the durable consumer the hosts share (default: qmtahost)\n"
+    "  --events-max-pending N       a new consumer's limit of unacknowledged events\n"
+    "                               (default: 1000)\n"
+    "  --events-ack-wait S          a new consumer's wait before an unacknowledged event\n"
+    "                               goes to another host (default: 30)\n"
+    "  --events-user NAME --events-password-file FILE | --events-creds FILE\n"
+    "  --events-tls-ca FILE  --events-tls-cert FILE --events-tls-key FILE\n"
+    "  --events-insecure            connect without client credentials\n"
     "  -h, --help            print this help and exit\n"
     "  --version             print the version and exit\n"
     "Input lines: events (JSON), {\"drain\": true}, {\"reload\": true} (checked reload,\n"
@@ -51,7 +71,7 @@ const char kHelp[] =
 namespace {
 
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
-              kClockShift, kVersion, kControl, kAllowAnyText };
+              kClockShift, kVersion, kControl, kAllowAnyText, kMaxActions, kEvents = 2000 };
 
 }  // namespace
 
@@ -103,6 +123,16 @@ bool SetOption(int option, const char* value, Options* options, std::string* err
     case kVersion: options->version = true; break;
     case kControl: options->control = value; break;
     case kAllowAnyText: options->allowAnyText = true; break;
+    case kMaxActions:
+      if (!OptionNumber(value, 0, 1000000, &number)) {
+        *error = std::string("--max-actions: bad count \"") + value + "\" (0 to 1000000)";
+        return false;
+      }
+      options->maxActions = number;
+      break;
+    default:
+      if (option >= kEvents)
+        return SetEventsOption(kEventsOptions[option - kEvents], value, &options->events, error);
   }
   return true;
 }
@@ -122,8 +152,22 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"version", no_argument, nullptr, kVersion},
       {"control", required_argument, nullptr, kControl},
       {"allow-any-text", no_argument, nullptr, kAllowAnyText},
-      {nullptr, 0, nullptr, 0},
+      {"max-actions", required_argument, nullptr, kMaxActions},
   };
+  // The intake's options: --events-NAME for each of kEventsOptions.
+  std::vector<struct option> options_(std::begin(longOptions), std::end(longOptions));
+  static const std::vector<std::string> eventsNames = [] {
+    std::vector<std::string> names;
+    for (int i = 0; kEventsOptions[i] != nullptr; ++i)
+      names.push_back(std::string("events-") + kEventsOptions[i]);
+    return names;
+  }();
+  for (size_t i = 0; i < eventsNames.size(); ++i)
+    options_.push_back({eventsNames[i].c_str(),
+                        EventsOptionTakesValue(kEventsOptions[i]) ? required_argument : no_argument,
+                        nullptr, static_cast<int>(kEvents + i)});
+  options_.push_back({nullptr, 0, nullptr, 0});
+  bool eventsGiven = false;
   // getopt_long may reorder the pointers; it works on a copy (without the
   // word "serve").
   std::vector<char*> args(argv, argv + argc);
@@ -136,7 +180,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
   optind = 0;  // start afresh (glibc), also when called again
   opterr = 0;  // the messages are ours
   for (;;) {
-    int option = getopt_long(argc, args.data(), ":h", longOptions, nullptr);
+    int option = getopt_long(argc, args.data(), ":h", options_.data(), nullptr);
     if (option == -1) break;
     // The word that was wrong: a short option by its letter, a long one as
     // written.
@@ -151,6 +195,18 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       return false;
     }
     if (!SetOption(option, optarg, options, error)) return false;
+    eventsGiven |= option >= kEvents;
+  }
+  if (eventsGiven && !options->events.enabled()) {
+    *error = "the --events- options need --events-nats";
+    return false;
+  }
+  if (options->events.enabled()) {
+    if (!options->serve) {
+      *error = "--events-nats is an option of serve";
+      return false;
+    }
+    if (!CheckEventsSettings(options->events, error)) return false;
   }
   if (options->serve && optind < argc) {
     *error = std::string("serve takes no input file (\"") + args[optind] + "\")";

@@ -8,13 +8,15 @@
 #include <string>
 #include <string_view>
 
+#include "host/programs/qmtahost/jetstream.h"
+
 namespace qmta::hostprog {
 
 struct Options {
   std::string dir = ".";    // the module's working directory
   std::string nodes;        // destination directory file; empty: "* local"
   std::string actions;      // local driver's programs; empty: DIR/actions
-  std::string module;       // empty: ../lib/libqmtautox.so beside the program
+  std::string module;       // empty: DefaultModule() (module.h)
   std::string server;       // empty: the machine's host name
   std::optional<int32_t> trace;
   bool init = true;         // call the start-up entry before reading input
@@ -26,6 +28,10 @@ struct Options {
   bool serve = false;       // `qmtahost serve`: the control socket, no input
   std::string control;      // serve: the control socket; empty: the default
   bool allowAnyText = false;  // no intake check on event text (lab runs)
+  EventsSettings events;      // serve: events from a JetStream stream (--events-*)
+  // Back-pressure: live action threads above which the dispatcher waits;
+  // none given: derived from the process's limits; 0: no limit.
+  std::optional<int64_t> maxActions;
   bool help = false;
   bool version = false;     // --version: print "qmtahost VERSION" and exit
 };

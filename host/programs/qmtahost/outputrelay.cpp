@@ -130,6 +130,7 @@ void OutputRelay::Deliver(std::string_view chunk) {
   partial_.append(chunk);
   std::string out;
   out.reserve(partial_.size());
+  uint64_t commands = 0;  // action commands (QMTA041I) in `out`
   size_t start = 0;
   for (size_t end; (end = partial_.find('\n', start)) != std::string::npos; start = end + 1) {
     std::string_view line(partial_.data() + start, end - start);
@@ -138,6 +139,8 @@ void OutputRelay::Deliver(std::string_view chunk) {
       uint64_t number = std::strtoull(line.data() + 1 + Token().size(), nullptr, 10);
       Write(out);
       out.clear();
+      commandsWritten_.fetch_add(commands, std::memory_order_release);
+      commands = 0;
       for (const Listener& listener : listeners_)
         if (listener.mark) listener.mark(number);
       std::lock_guard<std::mutex> hold(markMutex_);
@@ -146,6 +149,7 @@ void OutputRelay::Deliver(std::string_view chunk) {
       continue;
     }
     std::string_view id = MessageId(line);
+    commands += id == "QMTA041I";
     if (!id.empty() || message_.empty()) {
       Emit();
       message_.assign(line);
@@ -159,6 +163,7 @@ void OutputRelay::Deliver(std::string_view chunk) {
   }
   partial_.erase(0, start);
   Write(out);
+  commandsWritten_.fetch_add(commands, std::memory_order_release);
 }
 
 void OutputRelay::Emit() {

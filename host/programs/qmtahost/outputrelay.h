@@ -79,6 +79,10 @@ class OutputRelay {
     return static_cast<double>(waitNanos_.load(std::memory_order_relaxed)) / 1e9;
   }
   uint64_t messages() const { return messages_.load(std::memory_order_relaxed); }
+  // Action commands (QMTA041I lines) written to the real standard output
+  // (or dropped after a write error): each action thread prints one once
+  // it has started, before its request goes to the driver.
+  uint64_t commandsWritten() const { return commandsWritten_.load(std::memory_order_acquire); }
 
  private:
   void RunRelay();
@@ -103,6 +107,7 @@ class OutputRelay {
   std::atomic<int> writeError_{0};
   std::atomic<int64_t> waitNanos_{0};
   std::atomic<uint64_t> messages_{0};
+  std::atomic<uint64_t> commandsWritten_{0};
 };
 
 }  // namespace qmta::hostprog

@@ -125,11 +125,18 @@ void ReadInput(FILE* input, int wake, const std::atomic<bool>* stopping, Dispatc
 
 std::string Summary(const DispatchCounts& dispatched, const MessageCounts& messages) {
   auto n = [](uint64_t value) { return std::to_string(value); };
+  auto seconds = [](int64_t nanos) {
+    char text[32];
+    snprintf(text, sizeof text, "%.1f", static_cast<double>(nanos) / 1e9);
+    return std::string(text);
+  };
   return "stopped: " + n(dispatched.events.load()) + " events, " + n(messages["QMTA040I"]) +
          " actions (" + n(messages["QMTA050I"]) + " completed, " + n(messages["QMTA051W"]) +
          " offline, " + n(messages["QMTA042E"]) + " no response, " +
          n(messages["QMTA030E"] + messages["QMTA002E"]) + " errors), " +
-         n(dispatched.refused.load()) + " lines refused";
+         n(dispatched.refused.load()) + " lines refused, " + n(dispatched.heldBack.load()) +
+         " events held back for " + seconds(dispatched.heldBackNanos.load()) + " s, peak " +
+         n(host::PeakLiveActions()) + " live actions";
 }
 
 }  // namespace
@@ -153,8 +160,13 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   calls.drain = [] { Drain(); };
   calls.reload = [&](bool force) { return Reload(entries, force); };
   calls.startedActions = [] { return host::StartedActions(); };
+  calls.liveActions = [] { return host::LiveActions(); };
+  calls.waitActionsBelow = [](int64_t limit, std::chrono::milliseconds timeout) {
+    return host::WaitForActionsBelow(limit, timeout);
+  };
   Dispatcher dispatcher(std::move(calls), &relay);
   dispatcher.AllowAnyText(settings.allowAnyText);
+  dispatcher.SetMaxActions(settings.maxActions);
 
   std::string error;
   if (!relay.Start(&error)) {
@@ -178,6 +190,14 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   });
 
   ControlServer control;
+  JetStreamIntake intake;
+  ActionProgress progress{[] { return host::StartedActions(); },
+                          [&] { return relay.commandsWritten(); }};
+  if (settings.events.enabled() &&
+      !intake.Start(settings.events, &dispatcher, std::move(progress), &error)) {
+    Say(error);
+    stop.Request(1);
+  }
   std::thread reader;
   std::atomic<bool> stopping{false};
   if (settings.serve) {
@@ -202,10 +222,13 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   // next line (or at once, when it waits for input or for queue room).
   stopping = true;
   if (wake[1] >= 0) (void)!write(wake[1], "", 1);
+  intake.StopFetching();
   if (size_t dropped = dispatcher.Close(asked))
     Say(std::to_string(dropped) + " queued lines not run: the host is stopping");
   if (reader.joinable()) reader.join();
   dispatch.join();
+  // Handled events acknowledged, dropped ones given back for another host.
+  intake.Finish();
   control.Stop();
 
   if (!host::WaitForActions(settings.outcomeLimit))

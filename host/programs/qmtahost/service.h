@@ -20,6 +20,7 @@
 #include <chrono>
 #include <string>
 
+#include "host/programs/qmtahost/jetstream.h"
 #include "host/programs/qmtahost/module.h"
 
 namespace qmta::hostprog {
@@ -28,9 +29,11 @@ struct ServiceSettings {
   bool serve = false;
   FILE* input = nullptr;       // file mode: where the lines come from
   std::string controlPath;     // serve mode: the control socket
+  EventsSettings events;       // serve mode: events from a JetStream stream, when enabled
   bool init = true;            // call the start-up entry first
   bool allowAnyText = false;   // no intake check on event text
   bool stdoutClosed = false;   // standard output was closed at start
+  int64_t maxActions = 0;      // back-pressure limit; 0: none
   // How long a stop waits for the outcomes of actions in flight: the
   // module's own wait (60 s, shifted with the clock in tests) and a margin.
   std::chrono::seconds outcomeLimit{65};
