@@ -46,7 +46,7 @@ bool ProgramDescriptorLimit(rlimit* limit) {
 int DefaultMaxActions(const HostLimits& limits) {
   rlim_t most = std::min<rlim_t>(4096, limits.nofileNow / 8);
   if (limits.nproc != RLIM_INFINITY) most = std::min<rlim_t>(most, limits.nproc / 2);
-  return static_cast<int>(std::max<rlim_t>(most, 1));
+  return static_cast<int>(std::max<rlim_t>(most, 16));
 }
 
 }  // namespace qmta::host

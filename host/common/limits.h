@@ -15,8 +15,8 @@ struct HostLimits {
 };
 
 // Raises the soft RLIMIT_NOFILE to the hard limit, once per process (a later
-// call returns the first one's figures), and remembers the soft limit at
-// start for ProgramDescriptorLimit. Call it before any thread starts.
+// call only returns the first one's figures), and remembers the soft limit
+// at start for ProgramDescriptorLimit. Call it before any thread starts.
 HostLimits RaiseDescriptorLimit();
 
 // The RLIMIT_NOFILE an action program is started with: true, with
@@ -29,7 +29,7 @@ bool ProgramDescriptorLimit(rlimit* limit);
 // Actions that may run at once by default: a running local program holds
 // four descriptors of the host (two pipes, a pidfd, an eventfd; two more
 // while it starts) and its runner one thread of the user's process limit,
-// so min(4096, nofileNow / 8, nproc / 2 when nproc is finite), at least 1.
+// so min(4096, nofileNow / 8, nproc / 2 when nproc is finite), at least 16.
 int DefaultMaxActions(const HostLimits& limits);
 
 }  // namespace qmta::host

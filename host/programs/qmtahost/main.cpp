@@ -16,7 +16,6 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -142,20 +141,6 @@ void Configure(const Options& options) {
   if (options.clockShift != 0) host::SetClockShift(std::chrono::seconds(options.clockShift));
 }
 
-// The back-pressure limit when none is given: at most 4096 live actions,
-// fewer when the process may not have that many threads, or descriptors
-// for the programs of `local` actions (about four each, with room for the
-// host's own).
-int64_t DefaultMaxActions() {
-  int64_t limit = 4096;
-  struct rlimit got;
-  if (getrlimit(RLIMIT_NPROC, &got) == 0 && got.rlim_cur != RLIM_INFINITY)
-    limit = std::min<int64_t>(limit, static_cast<int64_t>(got.rlim_cur / 2));
-  if (getrlimit(RLIMIT_NOFILE, &got) == 0 && got.rlim_cur != RLIM_INFINITY)
-    limit = std::min<int64_t>(limit, static_cast<int64_t>(got.rlim_cur / 8));
-  return std::max<int64_t>(limit, 16);
-}
-
 // `qmtahost ctl [--control PATH] LINE...`
 int RunCtl(int argc, char** argv) {
   std::string path = DefaultControlPath();
@@ -205,7 +190,10 @@ int Run(const Options& options, bool stdoutClosed) {
   settings.events.allowAnyText = options.allowAnyText;
   settings.stdoutClosed = stdoutClosed;
   settings.outcomeLimit = std::chrono::seconds(std::max(5, 65 + options.clockShift));
-  settings.maxActions = options.maxActions ? *options.maxActions : DefaultMaxActions();
+  // The back-pressure limit when none is given: from the limits the host
+  // raised at start (host/common/limits.h).
+  settings.maxActions = options.maxActions ? *options.maxActions
+                                           : host::DefaultMaxActions(host::RaiseDescriptorLimit());
   int status = RunService(entries, settings);
   // Program output that a blocked standard error held back, if it takes
   // it now.
