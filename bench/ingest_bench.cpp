@@ -27,23 +27,6 @@ struct Input {
   std::string nodes;
 };
 
-// Events of situations that no rule names, from many nodes, each with a
-// timestamp and two attributes, as a data server reports them.
-std::string EventLines(int count) {
-  std::string text;
-  char line[512];
-  for (int i = 0; i < count; ++i) {
-    snprintf(line, sizeof line,
-             "{\"sitname\": \"Ingest_Check_%03d\", \"originnode\": \"Primary:WEB%05d:NT\", "
-             "\"currstate\": %d, \"prevstate\": %d, \"timestamp\": \"1261116%06d000\", "
-             "\"attributes\": [[\"Disk.Mount_Point\", \"/var/%d\"], "
-             "[\"Disk.Free_Percent\", \"%d\"]]}\n",
-             i % 1000, i % 100000, 1 + i % 2, 2 - i % 2, i % 1000000, i % 7, i % 100);
-    text += line;
-  }
-  return text;
-}
-
 std::vector<std::string> HostCommand(const Input& input, const std::string& events) {
   return {QMTAHOST_PATH, "--dir", input.dir, "--nodes", input.nodes,
           "--module", QMTA_MODULE_PATH, events};
@@ -103,11 +86,11 @@ int main(int argc, char** argv) {
     input.nodes = dir->path() + "/nodes";
     dir->Write("QMTASITR", qmtabench::Text(qmtabench::RealisticRules(10)));
     dir->Write("nodes", "* sim rc=0\n");
-    dir->Write("events", EventLines(input.lines));
+    dir->Write("events", qmtabench::IngestEventLines(input.lines));
 
     // The first thousand lines, once, with the host's output kept: the
     // module starts, and no event starts an action.
-    dir->Write("sample", EventLines(1000));
+    dir->Write("sample", qmtabench::IngestEventLines(1000));
     const std::string out = dir->path() + "/sample-out";
     const std::string err = dir->path() + "/sample-err";
     int status = qmtabench::RunProgram(HostCommand(input, dir->path() + "/sample"), out, err);

@@ -103,6 +103,11 @@ std::vector<Figure> Figures() {
                      "items_per_second", "rules/s", false, 0));
   figures.push_back(Make("host ingest, no rule matches", "ingest/ours/real_time",
                      "ingest/floor/real_time", "items_per_second", "events/s", false, 0.5));
+  // HTTP: events through POST /v1/events against the standard-input path.
+  figures.push_back(Make("http events, batches of 100 (floor: stdin)", "http/batch/real_time",
+                     "http/stdin/real_time", "items_per_second", "events/s", false, 0.5));
+  figures.push_back(Make("http events, one per request (floor: stdin)", "http/single/real_time",
+                     "http/stdin/real_time", "items_per_second", "events/s", false, 0));
   figures.push_back(Make("local actions", "local/ours/real_time", "local/floor/real_time",
                      "items_per_second", "actions/s", false, 0.7));
   // The JetStream intake against the standard-input path, each event

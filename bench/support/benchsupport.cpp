@@ -108,6 +108,21 @@ bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limi
   return true;
 }
 
+std::string IngestEventLines(int count) {
+  std::string text;
+  char line[512];
+  for (int i = 0; i < count; ++i) {
+    snprintf(line, sizeof line,
+             "{\"sitname\": \"Ingest_Check_%03d\", \"originnode\": \"Primary:WEB%05d:NT\", "
+             "\"currstate\": %d, \"prevstate\": %d, \"timestamp\": \"1261116%06d000\", "
+             "\"attributes\": [[\"Disk.Mount_Point\", \"/var/%d\"], "
+             "[\"Disk.Free_Percent\", \"%d\"]]}\n",
+             i % 1000, i % 100000, 1 + i % 2, 2 - i % 2, i % 1000000, i % 7, i % 100);
+    text += line;
+  }
+  return text;
+}
+
 std::string Text(const Rule& rule) {
   std::string text;
   if (!rule.comment.empty()) text += "* " + rule.comment + "\n";

@@ -52,6 +52,11 @@ int RunProgram(const std::vector<std::string>& argv, const std::string& out,
 bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds limit,
                std::chrono::microseconds interval = std::chrono::microseconds(50));
 
+// `count` JSON event lines, one per line, of situations that no rule of
+// RealisticRules names, from many nodes, each with a timestamp and two
+// attributes, as a data server reports them (the host ingest figures).
+std::string IngestEventLines(int count);
+
 // ---- Rules -------------------------------------------------------------------
 
 // One rule as the generators make it; `Text` writes it in rule-file form.

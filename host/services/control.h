@@ -62,6 +62,16 @@ QMTA_HOSTSVC_API void SetActionSettle(std::chrono::milliseconds settle);
 // the previous one was dropped or made stale).
 QMTA_HOSTSVC_API DBQ1_Handle OwnPath();
 
+// Requests of one access plan: `busy` are held by an action (opened and not
+// yet closed), `resting` wait for reuse. Plans are numbered 0, 1, 2 in the
+// order they were created, cycling: the module creates its three at start,
+// for its VX, RM and SNMP stacks in that order. Zeros for another number.
+struct PlanRequests {
+  int64_t busy = 0;
+  int64_t resting = 0;
+};
+QMTA_HOSTSVC_API PlanRequests RequestsOfPlan(int plan);
+
 // Declared length of the COMMAND parameter of requests created from now on
 // (default 600; values below 1 count as 1). ResetQueryService restores it.
 QMTA_HOSTSVC_API void SetCommandLength(int16_t length);

@@ -41,6 +41,17 @@ constexpr const char* kRmStatement =
 
 std::atomic<int64_t> liveObjects{0};
 std::atomic<int64_t> opensStarted{0};
+
+// Requests of each access plan, the plans numbered in creation order
+// modulo 3 (RequestsOfPlan in control.h): alive, and held by an action
+// (between an open and its close).
+constexpr int kPlanSlots = 3;
+std::atomic<uint64_t> plansCreated{0};
+struct PlanCounts {
+  std::atomic<int64_t> live{0};
+  std::atomic<int64_t> busy{0};
+};
+PlanCounts planCounts[kPlanSlots];
 std::atomic<int16_t> commandLength{kDefaultCommandLength};
 char localInterface = 'L';  // its address is the local interface token
 
@@ -61,11 +72,15 @@ class Path final : public Counted {
 
 class Plan final : public Counted {
  public:
-  explicit Plan(EventTable table) : Counted(Kind::kPlan), table_(table) {}
+  explicit Plan(EventTable table)
+      : Counted(Kind::kPlan), table_(table),
+        slot_(static_cast<int>(plansCreated.fetch_add(1) % kPlanSlots)) {}
   EventTable table() const { return table_; }
+  int slot() const { return slot_; }
 
  private:
   const EventTable table_;
+  const int slot_;
 };
 
 // One descriptor entry with its own data area.
@@ -90,8 +105,9 @@ void InitSqlda(DBQ1_Sqlda* sqlda, int16_t count) {
 
 class Request final : public Counted {
  public:
-  Request(EventTable table, const DBQ1_AsyncNotify& notify)
-      : Counted(Kind::kRequest), table_(table), notify_(notify) {
+  Request(EventTable table, const DBQ1_AsyncNotify& notify, int slot)
+      : Counted(Kind::kRequest), table_(table), notify_(notify), counts_(planCounts[slot]) {
+    counts_.live.fetch_add(1, std::memory_order_relaxed);
     InitSqlda(&input_, 4);
     vars_[0].Init(&input_.var[0], "REQUESTID", DBQ1_TYPE_INTEGER, 4);
     vars_[1].Init(&input_.var[1], "COMMAND", DBQ1_TYPE_CHAR, commandLength.load());
@@ -100,6 +116,7 @@ class Request final : public Counted {
     InitSqlda(&output_, 1);
     vars_[4].Init(&output_.var[0], "RESULTS", DBQ1_TYPE_INTEGER, 4);
   }
+  ~Request() override { counts_.live.fetch_sub(1, std::memory_order_relaxed); }
 
   EventTable table() const { return table_; }
   DBQ1_Sqlda* input() { return &input_; }
@@ -119,6 +136,8 @@ class Request final : public Counted {
       if (current_ && current_->Busy()) return DBQ1_ALREADY_OPEN;
       previous = std::exchange(current_, std::move(open));
       previousDriver = std::exchange(driver_, std::move(driver));
+      if (!busy_) counts_.busy.fetch_add(1, std::memory_order_relaxed);
+      busy_ = true;
     }
     if (previous) previous->Close();
     return DBQ1_OK;
@@ -134,6 +153,8 @@ class Request final : public Counted {
       if (drop) dropped_ = true;
       open = std::move(current_);
       driver = std::move(driver_);
+      if (busy_) counts_.busy.fetch_sub(1, std::memory_order_relaxed);
+      busy_ = false;
     }
     if (open) open->Close();
   }
@@ -150,6 +171,7 @@ class Request final : public Counted {
  private:
   const EventTable table_;
   const DBQ1_AsyncNotify notify_;
+  PlanCounts& counts_;
   DBQ1_Sqlda input_;
   DBQ1_Sqlda output_;
   Var vars_[5];
@@ -159,6 +181,7 @@ class Request final : public Counted {
   std::shared_ptr<Open> current_;   // the latest open, until closed
   std::shared_ptr<Driver> driver_;  // serves current_; lives while it does
   bool dropped_ = false;
+  bool busy_ = false;  // counted in counts_.busy: opened, not yet closed
 };
 
 // The cursor names its request weakly, so that it never keeps a released
@@ -335,7 +358,7 @@ QMTA_HOSTSVC_API int32_t DBQ1_CreateRequest(DBQ1_Handle path, DBQ1_Handle plan,
         notify->routine == nullptr || request == nullptr || cursor == nullptr)
       return int32_t{DBQ1_BAD_ARGUMENT};
     StartDelivery();
-    auto made = std::make_shared<Request>(statement->table(), *notify);
+    auto made = std::make_shared<Request>(statement->table(), *notify, statement->slot());
     auto& registry = HandleRegistry::Instance();
     made->cursor = registry.Add(std::make_shared<Cursor>(made));
     try {
@@ -453,6 +476,17 @@ DBQ1_Handle OwnPath() {
     ownPath = HandleRegistry::Instance().Add(std::make_shared<Path>(server));
   }
   return ownPath;
+}
+
+PlanRequests RequestsOfPlan(int plan) {
+  PlanRequests counts;
+  if (plan < 0 || plan >= kPlanSlots) return counts;
+  // Two loads, not one snapshot: an open or a release between them could
+  // make the difference negative for a moment.
+  counts.busy = planCounts[plan].busy.load(std::memory_order_relaxed);
+  int64_t live = planCounts[plan].live.load(std::memory_order_relaxed);
+  counts.resting = live > counts.busy ? live - counts.busy : 0;
+  return counts;
 }
 
 void SetCommandLength(int16_t length) { commandLength.store(length > 0 ? length : 1); }

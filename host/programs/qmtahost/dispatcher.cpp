@@ -77,8 +77,8 @@ std::future<ControlReply> Dispatcher::Submit(InputLine line, const std::string& 
   return answer;
 }
 
-void Dispatcher::SubmitLines(std::vector<Line> lines, const std::string& source) {
-  Enqueue(std::move(lines), source, nullptr);
+size_t Dispatcher::SubmitLines(std::vector<Line> lines, const std::string& source) {
+  return Enqueue(std::move(lines), source, nullptr);
 }
 
 void Dispatcher::SubmitText(std::string lines, long number, std::vector<long> tooLong) {
@@ -94,6 +94,7 @@ void Dispatcher::SubmitText(std::string lines, long number, std::vector<long> to
   }
   if (closed_) {
     counts_.refused.fetch_add(LineCount(work), std::memory_order_relaxed);
+    if (intake_.refused) intake_.refused("line", "the host is stopping", LineCount(work));
     return;
   }
   queue_.push_back(std::move(work));
@@ -108,6 +109,7 @@ size_t Dispatcher::LineCount(const Work& work) {
 void Dispatcher::HandleText(Work& batch) {
   std::string_view rest(batch.raw);
   auto cut = batch.tooLong.begin();
+  uint64_t events = 0;
   for (long number = batch.number; !rest.empty(); ++number) {
     size_t end = rest.find('\n');
     std::string_view text = rest.substr(0, end);
@@ -125,22 +127,26 @@ void Dispatcher::HandleText(Work& batch) {
     } else if (work.line.kind == InputLine::Kind::kEvent && !allowAnyText_) {
       refused = CheckEventText(work.line.event);
     }
-    if (!refused.empty())
+    if (!refused.empty()) {
       Refuse(work, "line " + std::to_string(number), refused);
-    else if (work.line.kind != InputLine::Kind::kSkip)
+    } else if (work.line.kind != InputLine::Kind::kSkip) {
+      events += work.line.kind == InputLine::Kind::kEvent;
       Handle(work);
+    }
   }
+  if (events > 0 && intake_.taken) intake_.taken("line", events);
 }
 
 void Dispatcher::Refuse(Work& work, const std::string& source, const std::string& reason) {
   counts_.refused.fetch_add(1, std::memory_order_relaxed);
   host::Say("qmtahost: ", source + ": " + reason);
+  if (intake_.refused) intake_.refused(source, reason, 1);
   if (work.reply) work.reply->set_value(Refusal(reason));
   if (work.done) work.done(false);
 }
 
-void Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
-                         std::future<ControlReply>* answer) {
+size_t Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
+                           std::future<ControlReply>* answer) {
   // "line 7" for a numbered line, else the source as it is.
   auto where = [&](long number) {
     return number > 0 ? source + " " + std::to_string(number) : source;
@@ -173,7 +179,7 @@ void Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
       numbers.push_back(line.number);
     }
   }
-  if (admitted.empty()) return;
+  if (admitted.empty()) return 0;
   std::unique_lock<std::mutex> hold(mutex_);
   // A bounded queue: a source that reads faster than the module takes
   // lines waits here rather than filling memory.
@@ -186,12 +192,20 @@ void Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
     hold.unlock();
     for (size_t i = 0; i < admitted.size(); ++i)
       Refuse(admitted[i], where(numbers[i]), "the host is stopping");
-    return;
+    return 0;
   }
-  for (Work& work : admitted) queue_.push_back(std::move(work));
+  const size_t queued = admitted.size();
+  uint64_t events = 0;
+  for (Work& work : admitted) {
+    events += work.line.kind == InputLine::Kind::kEvent;
+    queue_.push_back(std::move(work));
+  }
   // The dispatcher takes the queue a batch at a time; it is woken only
   // when it waits, which keeps a busy source from paying a wake-up per line.
   if (dispatcherWaits_) queued_.notify_one();
+  hold.unlock();
+  if (events > 0 && intake_.taken) intake_.taken(source, events);
+  return queued;
 }
 
 size_t Dispatcher::Close(bool discard) {
@@ -210,6 +224,7 @@ size_t Dispatcher::Close(bool discard) {
     lines += LineCount(work);
   }
   counts_.refused.fetch_add(lines, std::memory_order_relaxed);
+  if (lines > 0 && intake_.refused) intake_.refused("queued", "the host is stopping", lines);
   return lines;
 }
 

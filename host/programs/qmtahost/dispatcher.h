@@ -24,6 +24,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/programs/qmtahost/control.h"
@@ -87,7 +88,9 @@ class Dispatcher {
     // refused or dropped it.
     std::function<void(bool handled)> done;
   };
-  void SubmitLines(std::vector<Line> lines, const std::string& source);
+  // Returns how many were queued: all of them that the intake check lets
+  // through, or none once the host is stopping.
+  size_t SubmitLines(std::vector<Line> lines, const std::string& source);
   // Raw lines of an input file, each ended by '\n', the first being line
   // `number` (those listed in `tooLong` were cut at the line limit and are
   // refused). They are parsed and checked on the dispatcher thread, so
@@ -110,6 +113,16 @@ class Dispatcher {
   // How long the event now waiting for room has waited; zero when none.
   std::chrono::nanoseconds HeldBackFor() const;
 
+  // Told of the event lines taken (queued, or for an input file handed on)
+  // and of every line refused at intake, with its source as messages name
+  // it ("line 7" for the input, "control", "http 3"; "queued" for lines a
+  // stop dropped from the queue). Set before Run; both may be empty.
+  struct IntakeListener {
+    std::function<void(std::string_view source, uint64_t events)> taken;
+    std::function<void(std::string_view source, std::string_view reason, uint64_t lines)> refused;
+  };
+  void SetIntakeListener(IntakeListener listener) { intake_ = std::move(listener); }
+
   const DispatchCounts& counts() const { return counts_; }
 
  private:
@@ -126,8 +139,8 @@ class Dispatcher {
   void HandleText(Work& work);
   void WaitForRoom();
   static size_t LineCount(const Work& work);
-  void Enqueue(std::vector<Line> lines, const std::string& source,
-               std::future<ControlReply>* answer);
+  size_t Enqueue(std::vector<Line> lines, const std::string& source,
+                 std::future<ControlReply>* answer);
   void Refuse(Work& work, const std::string& source, const std::string& reason);
   void Handle(Work& work);
   ControlReply Call(const std::function<void()>& call);
@@ -139,6 +152,7 @@ class Dispatcher {
   // When the event now held back began to wait (steady clock, ns); 0 when
   // none is. Written by the dispatcher, read by anyone.
   std::atomic<int64_t> heldSince_{0};
+  IntakeListener intake_;
 
   std::mutex mutex_;  // guards queue_, closed_ and the two wait flags below
   std::condition_variable queued_;

@@ -35,6 +35,7 @@
 #include "host/drivers/sim.h"
 #include "host/programs/qmtahost/control.h"
 #include "host/programs/qmtahost/explain.h"
+#include "host/programs/qmtahost/http.h"
 #include "host/programs/qmtahost/inputline.h"
 #include "host/programs/qmtahost/module.h"
 #include "host/programs/qmtahost/options.h"
@@ -175,6 +176,25 @@ int Run(const Options& options, bool stdoutClosed) {
   BlockStopSignals();
   Setup setup;
   if (int status = Prepare(options, &setup)) return status;
+  HttpConfig http;
+  if (!options.listen.empty()) {
+    HttpOptions given;
+    given.listen = options.listen;
+    for (auto [from, to] : {std::pair{&options.tokenFile, &given.tokenFile},
+                            std::pair{&options.tlsCert, &given.tlsCert},
+                            std::pair{&options.tlsKey, &given.tlsKey}})
+      if (!from->empty()) *to = setup.Absolute(*from);
+    given.bodyMax = static_cast<size_t>(options.httpMaxBody);
+    given.connections = static_cast<unsigned>(options.httpMaxConnections);
+    given.timeoutSeconds = static_cast<unsigned>(options.httpTimeout);
+    given.busyAfterSeconds = static_cast<unsigned>(options.httpBusyAfter);
+    std::string error;
+    if (!PrepareHttp(given, &http, &error)) {
+      Say(error);
+      return kUsageError;
+    }
+    http.allowAnyText = options.allowAnyText;
+  }
   Configure(options);
   Entries entries;
   if (!LoadModule(setup.module, &entries)) return kModuleError;
@@ -194,6 +214,7 @@ int Run(const Options& options, bool stdoutClosed) {
   // raised at start (host/common/limits.h).
   settings.maxActions = options.maxActions ? *options.maxActions
                                            : host::DefaultMaxActions(host::RaiseDescriptorLimit());
+  settings.http = std::move(http);
   int status = RunService(entries, settings);
   // Program output that a blocked standard error held back, if it takes
   // it now.

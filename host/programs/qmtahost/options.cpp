@@ -13,7 +13,8 @@ const char kUsage[] =
     "usage: qmtahost [--dir DIR] [--nodes FILE] [--actions DIR] [--module PATH]\n"
     "                [--server NAME] [--trace LEVEL] [--no-init] [--command-length N]\n"
     "                [--allow-any-text] [INPUT]\n"
-    "       qmtahost serve [--control PATH] [--events-nats URL ...] [OPTION]...\n"
+    "       qmtahost serve [--control PATH] [--listen ADDR:PORT [--token-file FILE]\n"
+    "                      [--tls-cert FILE --tls-key FILE]] [--events-nats URL ...] [OPTION]...\n"
     "       qmtahost ctl [--control PATH] LINE...\n"
     "       qmtahost send [--nats URL] [--subject SUBJECT] [CREDENTIALS] EVENT...\n"
     "       qmtahost check|explain ...\n";
@@ -51,6 +52,17 @@ const char kHelp[] =
     "                        0: no limit)\n"
     "  --allow-any-text      let quotes and control characters in event names through\n"
     "                        (lab runs against sim destinations only)\n"
+    "  --listen ADDR:PORT    serve: HTTP on ADDR:PORT ([ADDR]:PORT for IPv6): POST\n"
+    "                        /v1/events and /v1/commands, GET /metrics, /healthz, /readyz\n"
+    "  --token-file FILE     serve: a bearer token for every path but /healthz; without\n"
+    "                        one, --listen takes loopback addresses only\n"
+    "  --tls-cert FILE, --tls-key FILE\n"
+    "                        serve: HTTPS with this certificate and key (PEM)\n"
+    "  --http-max-body BYTES       largest request body (default: 1048576)\n"
+    "  --http-max-connections N    connections at once (default: 64)\n"
+    "  --http-timeout S            idle connections close after S seconds (default: 30)\n"
+    "  --http-busy-after S         events answer 503 once back-pressure has held\n"
+    "                              them back S seconds (default: 10)\n"
     "Serve: events from a NATS JetStream stream, shared by every host of a group:\n"
     "  --events-nats URL[,URL...]   the NATS server(s)\n"
     "  --events-stream NAME         the stream (created, as a work queue, when missing)\n"
@@ -71,7 +83,10 @@ const char kHelp[] =
 namespace {
 
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
-              kClockShift, kVersion, kControl, kAllowAnyText, kMaxActions, kEvents = 2000 };
+              kClockShift, kVersion, kControl, kAllowAnyText, kMaxActions,
+              // The HTTP options, in a row (ParseOptions tells them by their order).
+              kListen, kTokenFile, kTlsCert, kTlsKey, kHttpMaxBody, kHttpMaxConnections,
+              kHttpTimeout, kHttpBusyAfter, kEvents = 2000 };
 
 }  // namespace
 
@@ -80,6 +95,8 @@ enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, 
 bool OptionNumber(const char* value, int64_t low, int64_t high, int64_t* number) {
   return host::ParseNumber(value, number, low, high, host::Radix::kDecimalOrHex);
 }
+
+bool SetHttpLimit(int option, const char* value, Options* options, std::string* error);
 
 // Takes `value` for `option` (one of ours); false with `*error` set when it
 // is not valid.
@@ -130,9 +147,62 @@ bool SetOption(int option, const char* value, Options* options, std::string* err
       }
       options->maxActions = number;
       break;
+    case kListen: options->listen = value; break;
+    case kTokenFile: options->tokenFile = value; break;
+    case kTlsCert: options->tlsCert = value; break;
+    case kTlsKey: options->tlsKey = value; break;
+    case kHttpMaxBody:
+    case kHttpMaxConnections:
+    case kHttpTimeout:
+    case kHttpBusyAfter: return SetHttpLimit(option, value, options, error);
     default:
       if (option >= kEvents)
         return SetEventsOption(kEventsOptions[option - kEvents], value, &options->events, error);
+  }
+  return true;
+}
+
+// The HTTP server's limits, each within its range.
+bool SetHttpLimit(int option, const char* value, Options* options, std::string* error) {
+  struct Limit {
+    const char* name;
+    int64_t low, high;
+  };
+  static const Limit kBody{"--http-max-body", 1024, 64 << 20};
+  static const Limit kConnections{"--http-max-connections", 1, 1024};
+  static const Limit kTimeout{"--http-timeout", 1, 3600};
+  static const Limit kBusyAfter{"--http-busy-after", 0, 3600};
+  const Limit& limit = option == kHttpMaxBody          ? kBody
+                       : option == kHttpMaxConnections ? kConnections
+                       : option == kHttpTimeout        ? kTimeout
+                                                       : kBusyAfter;
+  int64_t number;
+  if (!OptionNumber(value, limit.low, limit.high, &number)) {
+    *error = std::string(limit.name) + ": bad value \"" + value + "\" (" +
+             std::to_string(limit.low) + " to " + std::to_string(limit.high) + ")";
+    return false;
+  }
+  if (option == kHttpMaxBody) options->httpMaxBody = number;
+  else if (option == kHttpMaxConnections) options->httpMaxConnections = static_cast<int32_t>(number);
+  else if (option == kHttpTimeout) options->httpTimeout = static_cast<int32_t>(number);
+  else options->httpBusyAfter = static_cast<int32_t>(number);
+  return true;
+}
+
+// The HTTP options go together: all need serve and --listen, and a
+// certificate needs its key.
+bool CheckHttpOptions(const Options& options, bool anyHttpOption, std::string* error) {
+  if (anyHttpOption && !options.serve) {
+    *error = "the HTTP options (--listen, --token-file, --tls-*, --http-*) are options of serve";
+    return false;
+  }
+  if (anyHttpOption && options.listen.empty()) {
+    *error = "--token-file, --tls-* and --http-* need --listen";
+    return false;
+  }
+  if (options.tlsCert.empty() != options.tlsKey.empty()) {
+    *error = "--tls-cert and --tls-key go together";
+    return false;
   }
   return true;
 }
@@ -153,6 +223,14 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"control", required_argument, nullptr, kControl},
       {"allow-any-text", no_argument, nullptr, kAllowAnyText},
       {"max-actions", required_argument, nullptr, kMaxActions},
+      {"listen", required_argument, nullptr, kListen},
+      {"token-file", required_argument, nullptr, kTokenFile},
+      {"tls-cert", required_argument, nullptr, kTlsCert},
+      {"tls-key", required_argument, nullptr, kTlsKey},
+      {"http-max-body", required_argument, nullptr, kHttpMaxBody},
+      {"http-max-connections", required_argument, nullptr, kHttpMaxConnections},
+      {"http-timeout", required_argument, nullptr, kHttpTimeout},
+      {"http-busy-after", required_argument, nullptr, kHttpBusyAfter},
   };
   // The intake's options: --events-NAME for each of kEventsOptions.
   std::vector<struct option> options_(std::begin(longOptions), std::end(longOptions));
@@ -179,6 +257,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
   args.push_back(nullptr);
   optind = 0;  // start afresh (glibc), also when called again
   opterr = 0;  // the messages are ours
+  bool anyHttpOption = false;
   for (;;) {
     int option = getopt_long(argc, args.data(), ":h", options_.data(), nullptr);
     if (option == -1) break;
@@ -196,6 +275,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
     }
     if (!SetOption(option, optarg, options, error)) return false;
     eventsGiven |= option >= kEvents;
+    anyHttpOption |= option >= kListen && option < kEvents;
   }
   if (eventsGiven && !options->events.enabled()) {
     *error = "the --events- options need --events-nats";
@@ -208,6 +288,7 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
     }
     if (!CheckEventsSettings(options->events, error)) return false;
   }
+  if (!CheckHttpOptions(*options, anyHttpOption, error)) return false;
   if (options->serve && optind < argc) {
     *error = std::string("serve takes no input file (\"") + args[optind] + "\")";
     return false;

@@ -32,6 +32,14 @@ struct Options {
   // Back-pressure: live action threads above which the dispatcher waits;
   // none given: derived from the process's limits; 0: no limit.
   std::optional<int64_t> maxActions;
+  // serve: the HTTP endpoint (http.h); off while `listen` is empty.
+  std::string listen;       // ADDR:PORT
+  std::string tokenFile;    // bearer token required on every path but /healthz
+  std::string tlsCert, tlsKey;
+  int64_t httpMaxBody = 1 << 20;
+  int32_t httpMaxConnections = 64;
+  int32_t httpTimeout = 30;
+  int32_t httpBusyAfter = 10;
   bool help = false;
   bool version = false;     // --version: print "qmtahost VERSION" and exit
 };

@@ -67,7 +67,7 @@ std::optional<int> RunCheckProcess(const ReloadSettings& settings, FILE* out, FI
 
 // Why the check's JSON output says the file must not be loaded; empty
 // when it may be, with `*found` saying what it held.
-std::string Verdict(FILE* out, const std::string& file, std::string* found) {
+std::string Verdict(FILE* out, const std::string& file, std::string* found, int64_t* counted) {
   std::string badFile, firstDrop;
   Json summary;
   char* buffer = nullptr;
@@ -86,6 +86,7 @@ std::string Verdict(FILE* out, const std::string& file, std::string* found) {
   if (!badFile.empty()) return file + ": " + badFile;
   if (!summary.is_object()) return "the check gave no summary";
   int rules = summary.value("rules", 0), dropped = summary.value("dropped", 0);
+  *counted = rules;
   *found = std::to_string(rules) + " rules, " + std::to_string(summary.value("warnings", 0)) +
            " warnings";
   if (dropped > 0 || !firstDrop.empty())
@@ -112,7 +113,7 @@ ReloadOutcome CheckedReload(bool force, const std::function<void()>& refresh,
       status = RunCheckProcess(settings, out, err, &outcome.reason);
     std::string found;
     if (status) {
-      std::string refusal = Verdict(out, settings.file, &found);
+      std::string refusal = Verdict(out, settings.file, &found, &outcome.rules);
       if (refusal.empty() && *status != kCheckClean && *status != kCheckWarnings)
         refusal = "the check failed with status " + std::to_string(*status);
       outcome.refreshed = refusal.empty();

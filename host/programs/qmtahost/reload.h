@@ -26,6 +26,7 @@ struct ReloadSettings {
 struct ReloadOutcome {
   bool refreshed = false;
   std::string reason;  // why it was refused, or what the check found
+  int64_t rules = -1;  // rules the check counted; -1 when it did not run
 };
 
 // Checks the rule file and calls `refresh` (which sends REFRESH to the

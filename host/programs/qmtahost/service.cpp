@@ -16,6 +16,7 @@
 #include "host/programs/qmtahost/control.h"
 #include "host/programs/qmtahost/dispatcher.h"
 #include "host/programs/qmtahost/linereader.h"
+#include "host/programs/qmtahost/metrics.h"
 #include "host/programs/qmtahost/outputrelay.h"
 #include "host/programs/qmtahost/reload.h"
 #include "host/programs/qmtahost/signals.h"
@@ -83,14 +84,27 @@ class Stop {
   int status_ = 0;
 };
 
-ControlReply Reload(const Entries& entries, bool force) {
+ControlReply Reload(const Entries& entries, bool force, Metrics* metrics) {
   sd_notify(0, "RELOADING=1");
   ReloadOutcome outcome = ReloadFromInput(force, [&] { SendCommand(entries, "REFRESH"); });
   sd_notify(0, "READY=1");
+  if (metrics != nullptr && outcome.refreshed)  // a forced reload counts nothing
+    metrics->SetRules(force ? std::nullopt : std::optional<int64_t>(outcome.rules));
   ControlReply reply;
   reply.ok = outcome.refreshed;
   if (!reply.ok) reply.error = outcome.reason;
   return reply;
+}
+
+// The HTTP endpoint, once the rules the module loaded at start are counted
+// (by the check a reload runs). False after saying why it cannot listen.
+bool StartHttp(const HttpConfig& config, Metrics* metrics, HttpServer* server) {
+  ReloadOutcome counted = CheckedReload(false, [] {});
+  if (counted.rules >= 0) metrics->SetRules(counted.rules);
+  std::string error;
+  if (server->Start(config, &error)) return true;
+  Say("http: " + error);
+  return false;
 }
 
 // File mode: the lines of `input`, in order, until its end or a stop
@@ -150,6 +164,10 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   MessageCounts messages;
   OutputRelay relay;
   relay.AddListener({[&](const OutputRelay::Message& message) { messages.Add(message.id); }, {}});
+  // What the HTTP endpoint reports, counted only when there is one.
+  const bool http = settings.serve && settings.http.enabled;
+  Metrics metrics;
+  if (http) relay.AddListener(metrics.RelayListener());
   relay.onWriteError = [&](int error) {
     Say("standard output: " + host::ErrorText(error) + "; stopping");
     stop.Request(1);
@@ -158,7 +176,7 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   calls.event = [&](const Event& event) { SendEvent(entries, event); };
   calls.command = [&](const std::string& text) { SendCommand(entries, text); };
   calls.drain = [] { Drain(); };
-  calls.reload = [&](bool force) { return Reload(entries, force); };
+  calls.reload = [&](bool force) { return Reload(entries, force, http ? &metrics : nullptr); };
   calls.startedActions = [] { return host::StartedActions(); };
   calls.liveActions = [] { return host::LiveActions(); };
   calls.waitActionsBelow = [](int64_t limit, std::chrono::milliseconds timeout) {
@@ -167,6 +185,7 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   Dispatcher dispatcher(std::move(calls), &relay);
   dispatcher.AllowAnyText(settings.allowAnyText);
   dispatcher.SetMaxActions(settings.maxActions);
+  if (http) dispatcher.SetIntakeListener(metrics.IntakeListener());
 
   std::string error;
   if (!relay.Start(&error)) {
@@ -198,6 +217,7 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
     Say(error);
     stop.Request(1);
   }
+  HttpServer httpServer(&dispatcher, &metrics, &relay);
   std::thread reader;
   std::atomic<bool> stopping{false};
   if (settings.serve) {
@@ -207,6 +227,8 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
                        },
                        &error)) {
       Say(error);
+      stop.Request(1);
+    } else if (http && !StartHttp(settings.http, &metrics, &httpServer)) {
       stop.Request(1);
     } else {
       sd_notify(0, "READY=1");
@@ -230,6 +252,7 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   // Handled events acknowledged, dropped ones given back for another host.
   intake.Finish();
   control.Stop();
+  httpServer.Stop();
 
   if (!host::WaitForActions(settings.outcomeLimit))
     Say("actions still without an outcome after " +

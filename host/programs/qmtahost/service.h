@@ -21,6 +21,7 @@
 #include <string>
 
 #include "host/programs/qmtahost/jetstream.h"
+#include "host/programs/qmtahost/http.h"
 #include "host/programs/qmtahost/module.h"
 
 namespace qmta::hostprog {
@@ -37,6 +38,7 @@ struct ServiceSettings {
   // How long a stop waits for the outcomes of actions in flight: the
   // module's own wait (60 s, shifted with the clock in tests) and a margin.
   std::chrono::seconds outcomeLimit{65};
+  HttpConfig http;             // serve mode: the HTTP endpoint, when enabled
 };
 
 // Runs the host; returns the exit status.

@@ -1,0 +1,276 @@
+// The HTTP endpoint of `qmtahost serve`, driven with curl: events taken or
+// refused whole, commands, metrics after real actions, health and
+// readiness, the bearer token, TLS, and the refusal of a public address
+// without a token. Everything listens on and talks to loopback only.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/support.h"
+
+extern char** environ;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string Read(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+// Starts `words` (found on PATH) with standard output and error to files.
+pid_t Spawn(const std::vector<std::string>& words, const std::string& out, const std::string& err) {
+  std::vector<char*> argv;
+  for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t files;
+  posix_spawn_file_actions_init(&files);
+  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid = -1;
+  EXPECT_EQ(0, posix_spawnp(&pid, argv[0], &files, nullptr, argv.data(), environ));
+  posix_spawn_file_actions_destroy(&files);
+  return pid;
+}
+
+// The exit status, or -1 when it did not end within `limit` (then it is
+// killed) or a signal ended it.
+int Finish(pid_t pid, std::chrono::milliseconds limit) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  int status = 0;
+  while (waitpid(pid, &status, WNOHANG) == 0) {
+    if (std::chrono::steady_clock::now() > end) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+      return -1;
+    }
+    std::this_thread::sleep_for(5ms);
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+struct Reply {
+  int code = 0;
+  std::string body;
+};
+
+class Http : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    if (host_ > 0) {
+      kill(host_, SIGTERM);
+      EXPECT_EQ(Finish(host_, 30s), 0) << Read("err");
+    }
+  }
+  // Starts `qmtahost serve` on a free loopback port and reads the port
+  // from what it says on standard error.
+  void Start(std::vector<std::string> extra = {}) {
+    std::vector<std::string> words = {QMTAHOST_PATH, "serve", "--control", dir_.path() + "/control",
+                                      "--nodes", "nodes", "--listen", "127.0.0.1:0"};
+    words.insert(words.end(), extra.begin(), extra.end());
+    host_ = Spawn(words, "out", "err");
+    std::smatch found;
+    for (int i = 0; i < 1000; ++i) {
+      std::string said = Read("err");
+      if (std::regex_search(said, found, std::regex("listening on (https?://127.0.0.1:[0-9]+)"))) {
+        base_ = found[1];
+        return;
+      }
+      std::this_thread::sleep_for(10ms);
+    }
+    FAIL() << "the host never listened: " << Read("err");
+  }
+  Reply Curl(const std::string& path, const std::string& body = "", bool post = false,
+             std::vector<std::string> extra = {}) {
+    std::vector<std::string> words = {"curl", "-s", "--max-time", "30", "-o", "body",
+                                      "-w", "%{http_code}"};
+    if (post || !body.empty()) {
+      dir_.Write("request", body);
+      words.insert(words.end(), {"--data-binary", "@request"});
+    }
+    words.insert(words.end(), extra.begin(), extra.end());
+    words.push_back(base_ + path);
+    EXPECT_EQ(Finish(Spawn(words, "code", "curl.err"), 40s), 0) << Read("curl.err");
+    return {atoi(Read("code").c_str()), Read("body")};
+  }
+  // The value of one sample of the metrics, -1 when it is missing.
+  double Metric(const std::string& metrics, const std::string& sample) {
+    std::istringstream lines(metrics);
+    for (std::string line; std::getline(lines, line);)
+      if (line.starts_with(sample + " ")) return std::stod(line.substr(sample.size() + 1));
+    return -1;
+  }
+
+  qmtatest::ScratchDir dir_;
+  pid_t host_ = -1;
+  std::string base_;
+};
+
+// Events are taken or refused whole and reach the module; commands answer
+// what ctl prints; the metrics count what happened, their stack figures
+// agree with DISPLAY; readiness follows the table.
+TEST_F(Http, EventsCommandsMetricsAndReadiness) {
+  // S completes after 500 ms, V with two rows; T is offline; E's offline
+  // answer on the SNMP stack is an error (QMTA030E, no request id).
+  dir_.Write("QMTASITR", "SITNAME=S DESTNODE=sim:N SCRIPT=job;\n"
+                         "SITNAME=V DESTNODE=x:MVS_ACTIONS SCRIPT=job;\n"
+                         "SITNAME=T DESTNODE=gone:MVS_ACTIONS SCRIPT=job;\n"
+                         "SITNAME=E DESTNODE=gone:SNMP_TRAP SCRIPT=job;\n");
+  dir_.Write("nodes", "sim:* sim rc=0 delay=500\ngone:* offline\n*:MVS_ACTIONS sim rc=0,4\n");
+  // One action at a time: while S runs, the next event is held back, and
+  // with --http-busy-after 0 new events are answered 503 meanwhile.
+  Start({"--max-actions", "1", "--http-busy-after", "0"});
+  EXPECT_EQ(Curl("/healthz").code, 200);
+  EXPECT_EQ(Curl("/readyz").code, 200);
+
+  const std::string s = R"({"sitname": "S", "originnode": "n", "currstate": 1})";
+  const std::string v = R"({"sitname": "V", "originnode": "n", "currstate": 1})";
+  const std::string t = R"({"sitname": "T", "originnode": "n", "currstate": 1})";
+  const std::string e = R"({"sitname": "E", "originnode": "n", "currstate": 1})";
+  Reply refused = Curl("/v1/events", s + "\n" + R"({"sitname": "S", "originnode": "a\"b", "currstate": 1})" +
+                                         "\nDISPLAY\n{\"sitname\": 1}\r\n");
+  EXPECT_EQ(refused.code, 400);
+  EXPECT_EQ(refused.body,
+            R"({"error":"3 of 4 lines refused; nothing was taken","refused":[)"
+            R"({"line":2,"reason":"\"originnode\" holds a double quote"},)"
+            R"x({"line":3,"reason":"not an event (commands, drains and reloads go to POST /v1/commands)"},)x"
+            R"({"line":4,"reason":"\"sitname\" must be a string"}]})" "\n");
+  Reply taken = Curl("/v1/events", s + "\r\n\n" + v + "\n" + t + "\n# E\n" + e);
+  EXPECT_EQ(taken.code, 202);
+  EXPECT_EQ(taken.body, "{\"taken\":4}\n");
+  for (int i = 0; i < 400 && Metric(Curl("/metrics").body, "qmta_backpressure_held_seconds") <= 0; ++i)
+    std::this_thread::sleep_for(1ms);
+  Reply busy = Curl("/v1/events", s, true, {"-D", "headers"});
+  EXPECT_EQ(busy.code, 503);
+  EXPECT_NE(Read("headers").find("Retry-After: 5"), std::string::npos) << Read("headers");
+
+  Reply drained = Curl("/v1/commands", "{\"drain\": true}\n");
+  EXPECT_EQ(drained.code, 200);
+  EXPECT_EQ(drained.body, R"({"error":"","ok":true,"output":["drained"]})" "\n");
+  EXPECT_EQ(Curl("/v1/events", "", true).code, 400);
+  EXPECT_EQ(Curl("/v1/commands", v).code, 400);  // events have their own path
+  Reply display = Curl("/v1/commands", "DISPLAY");
+  EXPECT_EQ(display.code, 200);
+  std::smatch sizes;  // free/total of each stack
+  ASSERT_TRUE(std::regex_search(display.body, sizes,
+                                std::regex("VX=(\\d+)/(\\d+) RM=(\\d+)/(\\d+) SNMP=(\\d+)/(\\d+)")))
+      << display.body;
+
+  // A file that would drop an entry keeps the table (409); a good one loads.
+  dir_.Write("QMTASITR", "SITNAME=S DESTNODE=sim:N STATE=maybe;\n");
+  Reply kept = Curl("/v1/commands", R"({"reload": true})");
+  EXPECT_EQ(kept.code, 409);
+  EXPECT_NE(kept.body.find("would drop 1 entry"), std::string::npos) << kept.body;
+  dir_.Write("QMTASITR", "SITNAME=S DESTNODE=sim:N SCRIPT=job;\nSITNAME=U DESTNODE=sim:N;\n");
+  EXPECT_EQ(Curl("/v1/commands", R"({"reload": true})").code, 200);
+
+  Reply metrics = Curl("/metrics");
+  ASSERT_EQ(metrics.code, 200);
+  const std::string& m = metrics.body;
+  EXPECT_EQ(Metric(m, R"(qmta_events_taken_total{source="http"})"), 4);
+  EXPECT_EQ(Metric(m, R"(qmta_events_refused_total{source="http",reason="text"})"), 1);
+  EXPECT_EQ(Metric(m, R"(qmta_events_refused_total{source="http",reason="not_event"})"), 1);
+  EXPECT_EQ(Metric(m, R"(qmta_events_refused_total{source="http",reason="field"})"), 1);
+  EXPECT_EQ(Metric(m, R"(qmta_events_refused_total{source="http",reason="with_body"})"), 1);
+  EXPECT_EQ(Metric(m, "qmta_events_delivered_total"), 4);
+  EXPECT_EQ(Metric(m, "qmta_actions_started_total"), 4);
+  // V's two rows (QMTA050I twice) are one outcome; E's error is not timed.
+  EXPECT_EQ(Metric(m, R"(qmta_action_outcomes_total{outcome="completed"})"), 2);
+  EXPECT_EQ(Metric(m, R"(qmta_action_outcomes_total{outcome="offline"})"), 1);
+  EXPECT_EQ(Metric(m, R"(qmta_action_outcomes_total{outcome="error"})"), 1);
+  EXPECT_EQ(Metric(m, R"(qmta_action_duration_seconds_bucket{le="+Inf"})"), 3);
+  // Timed as the relay sees the messages: S takes 500 ms, less what its
+  // QMTA040I may lag on a loaded machine.
+  EXPECT_LE(Metric(m, R"(qmta_action_duration_seconds_bucket{le="0.25"})"), 2);
+  EXPECT_GE(Metric(m, "qmta_action_duration_seconds_sum"), 0.25);
+  EXPECT_EQ(Metric(m, "qmta_actions_live"), 0);
+  EXPECT_GE(Metric(m, "qmta_backpressure_events_total"), 1);
+  EXPECT_GT(Metric(m, "qmta_backpressure_wait_seconds_total"), 0);
+  EXPECT_EQ(Metric(m, R"(qmta_reloads_total{result="done"})"), 1);
+  EXPECT_EQ(Metric(m, R"(qmta_reloads_total{result="refused"})"), 1);
+  EXPECT_EQ(Metric(m, "qmta_rules_loaded"), 2);
+  // The stacks as DISPLAY counted them, all requests resting.
+  int index = 1;
+  for (std::string stack : {"VX", "RM", "SNMP"}) {
+    EXPECT_EQ(sizes[index].str(), sizes[index + 1].str()) << stack;
+    EXPECT_EQ(Metric(m, "qmta_stack_requests{stack=\"" + stack + "\",state=\"resting\"}"),
+              std::stoi(sizes[index].str())) << stack;
+    EXPECT_EQ(Metric(m, "qmta_stack_requests{stack=\"" + stack + "\",state=\"busy\"}"), 0);
+    index += 2;
+  }
+  EXPECT_EQ(Metric(m, R"(qmta_operator_messages_total{id="QMTA050I"})"), 3);
+  EXPECT_EQ(Metric(m, R"(qmta_operator_messages_total{id="QMTA030E"})"), 1);
+  EXPECT_GE(Metric(m, "qmta_stdout_wait_seconds_total"), 0);
+
+  // A forced REFRESH of a missing file leaves no table: not ready.
+  dir_.Remove("QMTASITR");
+  EXPECT_EQ(Curl("/v1/commands", R"({"reload": true, "force": true})").code, 200);
+  Reply unready = Curl("/readyz");
+  EXPECT_EQ(unready.code, 503);
+  EXPECT_EQ(unready.body, "not ready: no rule table is loaded\n");
+  EXPECT_EQ(Metric(Curl("/metrics").body, "qmta_rules_loaded"), -1);  // not counted
+}
+
+// A token guards every path but /healthz; TLS through the library with a
+// certificate made here; an address other than loopback is refused
+// without a token, before anything listens.
+TEST_F(Http, TokenTlsAndPublicAddresses) {
+  if (access("/usr/bin/openssl", X_OK) != 0) GTEST_SKIP() << "openssl is missing (tools/setup)";
+  dir_.Write("QMTASITR", "SITNAME=S DESTNODE=sim:N;\n");
+  dir_.Write("nodes", "* sim rc=0\n");
+  pid_t refused = Spawn({QMTAHOST_PATH, "serve", "--control", "control", "--listen", "0.0.0.0:0"},
+                        "public.out", "public.err");
+  EXPECT_EQ(Finish(refused, 30s), 2);
+  EXPECT_NE(Read("public.err").find("is not a loopback address"), std::string::npos);
+
+  dir_.Write("token", "s3cret-token\n");
+  chmod("token", 0644);
+  ASSERT_EQ(Finish(Spawn({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                          "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
+                          "/CN=qmta", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
+                          "key.pem", "-out", "cert.pem"},
+                         "openssl.out", "openssl.err"),
+                   30s),
+            0)
+      << Read("openssl.err");
+  Start({"--token-file", "token", "--tls-cert", "cert.pem", "--tls-key", "key.pem"});
+  EXPECT_TRUE(base_.starts_with("https://")) << base_;
+  EXPECT_NE(Read("err").find("token is readable by others"), std::string::npos);
+  const std::vector<std::string> tls = {"--cacert", "cert.pem"};
+  auto with = [&](const std::string& token) {
+    std::vector<std::string> words = tls;
+    words.insert(words.end(), {"-H", "Authorization: Bearer " + token});
+    return words;
+  };
+  EXPECT_EQ(Curl("/healthz", "", false, tls).code, 200);
+  EXPECT_EQ(Curl("/readyz", "", false, tls).code, 401);
+  EXPECT_EQ(Curl("/metrics", "", false, with("s3cret-tokeN")).code, 401);
+  EXPECT_EQ(Curl("/v1/events", R"({"sitname": "S", "originnode": "n", "currstate": 1})", true,
+                 tls).code,
+            401);
+  EXPECT_EQ(Curl("/readyz", "", false, with("s3cret-token")).code, 200);
+  EXPECT_EQ(Curl("/v1/events", R"({"sitname": "S", "originnode": "n", "currstate": 1})", true,
+                 with("s3cret-token")).code,
+            202);
+  // Plain HTTP gets no answer from the TLS port.
+  base_.replace(0, 5, "http");
+  std::vector<std::string> words = {"curl", "-s", "--max-time", "10", base_ + "/healthz"};
+  EXPECT_NE(Finish(Spawn(words, "plain.out", "plain.err"), 20s), 0);
+}
+
+}  // namespace
