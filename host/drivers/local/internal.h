@@ -62,7 +62,8 @@ class Output {
   // fit, or standard error is blocked and whatever is read is dropped.
   bool Room() const;
   // After the last line: reports what was dropped, then waits until every
-  // line of the action has been written, unless standard error is blocked.
+  // line of the action has been written, unless standard error is blocked
+  // (a second at most).
   void End();
 
  private:

@@ -28,6 +28,9 @@ constexpr size_t kTotalHard = 8 * 1024 * 1024;
 constexpr size_t kEntryCost = 64;
 // The writer stuck this long on one line: standard error is blocked.
 constexpr auto kStall = 500ms;
+// The longest a runner waits for its lines before it answers (a slow
+// standard error with a long queue ahead of them).
+constexpr auto kEndWait = 1s;
 
 }  // namespace
 
@@ -107,7 +110,8 @@ class Writer {
     }
     PushDropped(queue);
     queue->waiting = true;
-    while (queue->bytes > 0 && !Stalled()) written_.wait_for(hold, 50ms);
+    const auto limit = Clock::now() + kEndWait;
+    while (queue->bytes > 0 && !Stalled() && Clock::now() < limit) written_.wait_for(hold, 50ms);
     queue->waiting = false;
   }
 

@@ -6,14 +6,15 @@
 // posix_spawn cannot set a resource limit in the child, so the program is
 // started the way glibc's posix_spawn starts one: clone with CLONE_VM and
 // CLONE_VFORK on a stack of its own, the runner suspended until the child
-// has called execve or failed. The child shares the host's memory and runs
-// nothing but system calls made through syscall(): no allocation, no lock,
-// no library call a sanitizer or another thread could be inside of. Its
-// steps, in order: every signal to its default action, its own process
-// group, standard input /dev/null, the pipes as standard output and error,
-// every other descriptor closed, RLIMIT_NOFILE back to the host's soft
-// limit at start, no blocked signal, execve. A failed step leaves its errno
-// for the runner and ends the child.
+// has called execve or failed. The child shares the host's memory and makes
+// nothing but system calls, through the C library's syscall(): no
+// allocation, no lock, nothing a sanitizer or another thread could be
+// inside of. It starts with every signal blocked. Its steps, in order:
+// every signal to its default action, its own process group, standard
+// input /dev/null, the pipes as standard output and error, every other
+// descriptor closed, RLIMIT_NOFILE back to the host's soft limit at start,
+// no blocked signal, execve. A failed step leaves its errno for the runner
+// and ends the child.
 #include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
@@ -146,7 +147,7 @@ int Spawn(pid_t* pid, const std::string& path, std::vector<std::string>& words,
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &old);
   const pid_t child = QMTA_CLONE(ChildMain, static_cast<char*>(stack) + kChildStack,
-                            CLONE_VM | CLONE_VFORK | SIGCHLD, &args);
+                                 CLONE_VM | CLONE_VFORK | SIGCHLD, &args);
   const int cloneError = errno;
   pthread_sigmask(SIG_SETMASK, &old, nullptr);
   munmap(stack, kChildStack);
