@@ -81,17 +81,22 @@ size_t Dispatcher::SubmitLines(std::vector<Line> lines, const std::string& sourc
   return Enqueue(std::move(lines), source, nullptr);
 }
 
+// A bounded queue: a source that reads faster than the module takes
+// lines waits here (mutex_ held by `hold`) rather than filling memory.
+void Dispatcher::WaitForQueueRoom(std::unique_lock<std::mutex>& hold) {
+  if (queue_.size() < kQueueMax || closed_) return;
+  ++roomWaiters_;
+  room_.wait(hold, [&] { return queue_.size() < kQueueMax || closed_; });
+  --roomWaiters_;
+}
+
 void Dispatcher::SubmitText(std::string lines, long number, std::vector<long> tooLong) {
   Work work;
   work.raw = std::move(lines);
   work.number = number;
   work.tooLong = std::move(tooLong);
   std::unique_lock<std::mutex> hold(mutex_);
-  if (queue_.size() >= kQueueMax && !closed_) {
-    ++roomWaiters_;
-    room_.wait(hold, [&] { return queue_.size() < kQueueMax || closed_; });
-    --roomWaiters_;
-  }
+  WaitForQueueRoom(hold);
   if (closed_) {
     counts_.refused.fetch_add(LineCount(work), std::memory_order_relaxed);
     if (intake_.refused) intake_.refused("line", "the host is stopping", LineCount(work));
@@ -181,13 +186,7 @@ size_t Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
   }
   if (admitted.empty()) return 0;
   std::unique_lock<std::mutex> hold(mutex_);
-  // A bounded queue: a source that reads faster than the module takes
-  // lines waits here rather than filling memory.
-  if (queue_.size() >= kQueueMax && !closed_) {
-    ++roomWaiters_;
-    room_.wait(hold, [&] { return queue_.size() < kQueueMax || closed_; });
-    --roomWaiters_;
-  }
+  WaitForQueueRoom(hold);
   if (closed_) {
     hold.unlock();
     for (size_t i = 0; i < admitted.size(); ++i)

@@ -138,6 +138,7 @@ class Dispatcher {
   };
   void HandleText(Work& work);
   void WaitForRoom();
+  void WaitForQueueRoom(std::unique_lock<std::mutex>& hold);
   static size_t LineCount(const Work& work);
   size_t Enqueue(std::vector<Line> lines, const std::string& source,
                  std::future<ControlReply>* answer);

@@ -16,6 +16,7 @@
 #include "host/common/number.h"
 #include "host/common/say.h"
 #include "host/programs/qmtahost/intake.h"
+#include "host/programs/qmtahost/linereader.h"
 
 namespace qmta::hostprog {
 namespace {
@@ -391,7 +392,10 @@ HttpServer::Answer HttpServer::Events(const std::string& body) {
     rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
     ++number;
     if (text.ends_with('\r')) text.remove_suffix(1);
-    InputLine line = ParseInputLine(text);
+    // Longer lines are refused from an input file too.
+    InputLine line = text.size() <= LineReader::kLineMax
+                         ? ParseInputLine(text)
+                         : InputLine{InputLine::Kind::kError, {}, "line too long", false};
     std::string reason;
     RefusalKind kind = RefusalKind::kOther;
     switch (line.kind) {

@@ -18,8 +18,8 @@ constexpr size_t kInFlightMax = 1 << 16;
 
 enum Outcome { kCompleted, kOffline, kNoResponse, kError };
 constexpr std::string_view kOutcomeLabels[] = {"completed", "offline", "no_response", "error"};
-constexpr std::string_view kSourceLabels[] = {"input", "control", "http", "signal", "queued",
-                                              "other"};
+constexpr std::string_view kSourceLabels[] = {"input",  "control", "http", "jetstream",
+                                              "signal", "queued",  "other"};
 constexpr std::string_view kStackLabels[] = {"VX", "RM", "SNMP"};
 
 // "QMTAnnnX" -> nnn, "QMTALnnX" -> 1000 + nn; -1 for anything else.
@@ -103,6 +103,7 @@ SourceKind KindOfSource(std::string_view source) {
   if (source.starts_with("line")) return SourceKind::kInput;
   if (source == "control") return SourceKind::kControl;
   if (source.starts_with("http")) return SourceKind::kHttp;
+  if (source.starts_with("events")) return SourceKind::kJetStream;
   if (source == "SIGHUP") return SourceKind::kSignal;
   if (source == "queued") return SourceKind::kQueued;
   return SourceKind::kOther;

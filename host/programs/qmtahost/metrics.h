@@ -41,8 +41,9 @@ std::string_view RefusalLabel(RefusalKind kind);
 RefusalKind KindOfRefusal(std::string_view reason);
 
 // Where lines come from: "input" (the input file), "control", "http",
-// "signal" (SIGHUP's reload), "queued" (dropped from the queue at a stop).
-enum class SourceKind { kInput, kControl, kHttp, kSignal, kQueued, kOther, kCount };
+// "jetstream" (--events-nats), "signal" (SIGHUP's reload), "queued"
+// (dropped from the queue at a stop).
+enum class SourceKind { kInput, kControl, kHttp, kJetStream, kSignal, kQueued, kOther, kCount };
 SourceKind KindOfSource(std::string_view source);
 
 // Back-pressure (--max-actions): how long the dispatcher has been holding
