@@ -1,5 +1,7 @@
 // The local driver on its own: word splitting, program names, options, and
 // real programs run through a driver with a completion of the test's.
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -206,17 +208,57 @@ TEST_F(LocalRun, SignalsTimeoutsAndClose) {
             lines.end());
 }
 
-TEST_F(LocalRun, OutputIsBoundedPerLineAndPerAction) {
+TEST_F(LocalRun, OutputIsBoundedAndNeverWaitsForStandardError) {
   Script("noisy", "head -c 5000 /dev/zero | tr '\\0' a\necho\nprintf 'bell\\007\\n'\n"
                   "yes | head -n 100000\necho done >&2");
-  qmtatest::StdoutCapture err(2);
-  EXPECT_EQ(Run("noisy"), 0);
-  Words lines = err.TakeLines();
-  ASSERT_GE(lines.size(), 4u);
-  EXPECT_EQ(lines[0], "[9] " + std::string(1024, 'a') + " [line cut]");
-  EXPECT_EQ(lines[1], "[9] bell?");
-  EXPECT_NE(std::find(lines.begin(), lines.end(), "[9] [further output dropped]"), lines.end());
-  EXPECT_LT(lines.size(), 40000u);
+  Script("count", "seq 1 10000");
+  {
+    qmtatest::StdoutCapture err(2);
+    EXPECT_EQ(Run("noisy"), 0);
+    Words lines = err.TakeLines();
+    ASSERT_GE(lines.size(), 4u);
+    EXPECT_EQ(lines[0], "[9] " + std::string(1024, 'a') + " [line cut]");
+    EXPECT_EQ(lines[1], "[9] bell?");
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "[9] [further output dropped]"), lines.end());
+    EXPECT_LT(lines.size(), 40000u);
+  }
+
+  // Standard error a small pipe that nobody reads until the action has
+  // ended: its lines are dropped rather than waited for, and counted.
+  int blocked[2];
+  ASSERT_EQ(pipe2(blocked, O_CLOEXEC), 0);
+  fcntl(blocked[1], F_SETPIPE_SZ, 4096);
+  const int saved = dup(2);
+  dup2(blocked[1], 2);
+  close(blocked[1]);
+  const auto begin = std::chrono::steady_clock::now();
+  const int32_t code = Run("count");
+  const auto took = std::chrono::steady_clock::now() - begin;
+  // Now read: what was queued, then the count of what was not.
+  std::string text;
+  char buffer[4096];
+  const std::string last = "[9] [output dropped: ";
+  while (text.find(last) == std::string::npos || text.back() != '\n') {
+    pollfd in = {blocked[0], POLLIN, 0};
+    if (poll(&in, 1, 5000) <= 0) break;
+    ssize_t got = read(blocked[0], buffer, sizeof buffer);
+    if (got <= 0) break;
+    text.append(buffer, static_cast<size_t>(got));
+  }
+  dup2(saved, 2);
+  close(saved);
+  close(blocked[0]);
+  EXPECT_EQ(code, 0);
+  EXPECT_LT(took, 3s);
+  Words lines = qmtatest::SplitLines(text);
+  ASSERT_FALSE(lines.empty());
+  ASSERT_TRUE(lines.back().starts_with(last)) << lines.back();
+  const int dropped = std::stoi(lines.back().substr(last.size()));
+  lines.pop_back();
+  EXPECT_GT(dropped, 0);
+  for (size_t i = 0; i < lines.size(); ++i)
+    ASSERT_EQ(lines[i], "[9] " + std::to_string(i + 1));
+  EXPECT_EQ(lines.size() + dropped, 10000u);
 }
 
 TEST_F(LocalRun, ManyActionsLeaveNoProcessDescriptorOrThread) {

@@ -1,8 +1,10 @@
 // qmtahost run as a user runs it: files in a scratch directory, standard
 // output compared line by line, standard error searched.
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -49,9 +52,10 @@ class Host : public ::testing::Test {
     Write("actions/" + name, "#!/bin/sh\n" + body + "\n", 0755);
   }
 
-  // Runs qmtahost with `args` in the scratch directory, `input` as its
-  // standard input.
-  Result Run(const std::vector<std::string>& args, const std::string& input = "") {
+  // Starts qmtahost with `args` in the scratch directory, `input` as its
+  // standard input and `errFd` (or the file "stderr") as its standard
+  // error; -1 when it cannot be started.
+  pid_t Start(const std::vector<std::string>& args, const std::string& input, int errFd = -1) {
     Write("stdin", input);
     std::vector<std::string> words = {QMTAHOST_PATH};
     words.insert(words.end(), args.begin(), args.end());
@@ -62,15 +66,24 @@ class Host : public ::testing::Test {
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_addopen(&files, 0, "stdin", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&files, 1, "stdout", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&files, 2, "stderr", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (errFd >= 0)
+      posix_spawn_file_actions_adddup2(&files, errFd, 2);
+    else
+      posix_spawn_file_actions_addopen(&files, 2, "stderr", O_WRONLY | O_CREAT | O_TRUNC, 0644);
     pid_t pid;
-    Result result;
     int failed = posix_spawn(&pid, argv[0], &files, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&files);
     if (failed) {
       ADD_FAILURE() << "cannot run " << argv[0];
-      return result;
+      return -1;
     }
+    return pid;
+  }
+
+  // Waits for the qmtahost `pid` to end and reads its output.
+  Result Finish(pid_t pid) {
+    Result result;
+    if (pid < 0) return result;
     int status = 0;
     auto limit = std::chrono::steady_clock::now() + 60s;
     while (waitpid(pid, &status, WNOHANG) == 0) {
@@ -90,6 +103,12 @@ class Host : public ::testing::Test {
     if (!result.err.empty() && result.err.back().starts_with("qmtahost: stopped: "))
       result.err.pop_back();
     return result;
+  }
+
+  // Runs qmtahost with `args` in the scratch directory, `input` as its
+  // standard input.
+  Result Run(const std::vector<std::string>& args, const std::string& input = "") {
+    return Finish(Start(args, input));
   }
 
   qmtatest::ScratchDir dir_;
@@ -388,6 +407,71 @@ TEST_F(Host, LocalActionsGetPlainArgumentsAndEveryEnding) {
   EXPECT_TRUE(result.Said("[5] timed out after 1 s; ending the program"));
   for (const std::string& line : result.out)
     EXPECT_TRUE(line.starts_with("QMTA")) << line;
+}
+
+// A standard error that nobody reads holds up neither a program's time-out
+// nor its outcome; programs get the descriptor limit the host was started
+// with, while the host raises its own to the hard limit.
+TEST_F(Host, LocalProgramsKeepTheirTimeAndLimitWhileStandardErrorIsBlocked) {
+  rlimit atStart = {};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &atStart), 0);
+  if (atStart.rlim_max <= 512) GTEST_SKIP() << "the hard descriptor limit is 512 or less";
+  Write("QMTASITR",
+        "SITNAME=Noisy DESTNODE=node:A SCRIPT=noisy;\n"
+        "SITNAME=Limit DESTNODE=node:A SCRIPT=limit;\n");
+  Action("noisy", "yes 'output that nobody reads'");
+  Action("limit", "ulimit -n > limit.program\n"
+                  "grep '^Max open files' /proc/$PPID/limits > limit.host");
+  Write("nodes", "node:* local timeout=2\n");
+  int blocked[2];
+  ASSERT_EQ(pipe2(blocked, O_CLOEXEC), 0);
+  const rlimit low = {512, atStart.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  auto begin = std::chrono::steady_clock::now();
+  pid_t host = Start({"--nodes", "nodes"},
+                     R"({"sitname": "Noisy", "originnode": "o", "currstate": 1})" "\n"
+                     R"({"sitname": "Limit", "originnode": "o", "currstate": 1})" "\n",
+                     blocked[1]);
+  setrlimit(RLIMIT_NOFILE, &atStart);
+  close(blocked[1]);
+
+  const std::string tail = " DESTNODE=node:A STATE=1 RC=";
+  const std::string noisyEnd = "QMTA050I ACTION COMPLETED FOR SITNAME=Noisy" + tail + "143 REQUESTID=1";
+  const std::string limitEnd = "QMTA050I ACTION COMPLETED FOR SITNAME=Limit" + tail + "0 REQUESTID=2";
+  Lines out;
+  auto ended = [&out](const std::string& line) {
+    return std::find(out.begin(), out.end(), line) != out.end();
+  };
+  while (std::chrono::steady_clock::now() - begin < 20s && !(ended(noisyEnd) && ended(limitEnd))) {
+    std::this_thread::sleep_for(20ms);
+    out = qmtatest::SplitLines(Read("stdout"));
+  }
+  // Two seconds, the second of grace at most, and time to start.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 6s);
+  EXPECT_TRUE(ended(noisyEnd));
+  EXPECT_TRUE(ended(limitEnd));
+  // Read at last, standard error takes what was held back, and the host
+  // ends.
+  std::string err;
+  char buffer[65536];
+  pollfd in = {blocked[0], POLLIN, 0};
+  for (ssize_t got = 1; got > 0 && poll(&in, 1, 20000) == 1;) {
+    got = read(blocked[0], buffer, sizeof buffer);
+    if (got > 0) err.append(buffer, static_cast<size_t>(got));
+  }
+  close(blocked[0]);
+  EXPECT_EQ(Finish(host).status, 0);
+  for (const char* line : {"\n[1] [further output dropped]\n",
+                           "\n[1] timed out after 2 s; ending the program\n",
+                           "\nqmtahost: stopped: 2 events, 2 actions (2 completed"})
+    EXPECT_NE(err.find(line), std::string::npos) << line;
+
+  EXPECT_EQ(Read("limit.program"), "512\n");
+  std::istringstream hostLimit(Read("limit.host"));
+  std::string word, soft, hard;  // "Max open files SOFT HARD files"
+  hostLimit >> word >> word >> word >> soft >> hard;
+  EXPECT_EQ(soft, std::to_string(atStart.rlim_max));
+  EXPECT_EQ(hard, std::to_string(atStart.rlim_max));
 }
 
 TEST_F(Host, PercentSignsAnywhereAreText) {

@@ -44,13 +44,22 @@ void RunnerEnded() {
 }
 
 // Runs the program of `job` to its end and returns its return code.
-int Execute(const LocalSettings& settings, Job& job) {
+int RunProgram(const LocalSettings& settings, Job& job, local::Output& output) {
   local::Program program;
-  if (!local::ResolveProgram(settings.actionsDir, job.action, &program)) return 127;
+  if (!local::ResolveProgram(settings.actionsDir, job.action, &program, output)) return 127;
   local::Started started;
-  if (int code = local::StartProgram(job, program, &started)) return code;
-  int code = local::WatchProgram(settings, job, started);
+  if (int code = local::StartProgram(job, program, &started, output)) return code;
+  int code = local::WatchProgram(settings, job, started, output);
   local::ReleaseWake(job);
+  return code;
+}
+
+// The same, once what it said has been written (unless standard error is
+// blocked).
+int Execute(const LocalSettings& settings, Job& job) {
+  local::Output output(job.action.requestId);
+  int code = RunProgram(settings, job, output);
+  output.End();
   return code;
 }
 

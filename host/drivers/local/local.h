@@ -10,11 +10,13 @@
 //
 // Each program runs in a process group of its own with standard input
 // /dev/null, a fixed environment (PATH=/usr/bin:/bin, QMTA_REQUESTID,
-// QMTA_CALLTYPE, QMTA_NODE), and its standard output and error relayed,
-// line by line and prefixed with "[requestid] ", to the host's standard
-// error. The completion is one row holding the program's exit status:
-// 127 when the program is missing or refused, 126 when it cannot be run,
-// 128+N when signal N ended it.
+// QMTA_CALLTYPE, QMTA_NODE), the descriptor limit the process was started
+// with (limits.h), and its standard output and error relayed, line by line
+// and prefixed with "[requestid] ", to the host's standard error by one
+// writer thread, so that a standard error that nobody reads holds up no
+// time-out or outcome. The completion is one row holding the program's
+// exit status: 127 when the program is missing or refused, 126 when it
+// cannot be run, 128+N when signal N ended it.
 #ifndef HOST_DRIVERS_LOCAL_LOCAL_H_
 #define HOST_DRIVERS_LOCAL_LOCAL_H_
 
@@ -62,6 +64,11 @@ DriverFactory LocalDriverFactory(const std::string& actionsDir);
 int64_t LiveLocalRunners();
 // Waits until no such thread runs; false when `limit` passed first.
 bool WaitForLocalRunners(std::chrono::milliseconds limit);
+// Waits until every line of the programs' output that the runners queued
+// for standard error has been written (see Output in internal.h); false
+// when `limit` passed first. For a program about to exit, after
+// WaitForLocalRunners.
+bool FlushLocalOutput(std::chrono::milliseconds limit);
 // Ends the process group of every program running now with SIGKILL (a
 // host that stops at once); returns how many there were. Their runners
 // then report the programs' ends as usual.

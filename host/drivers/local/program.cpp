@@ -58,33 +58,33 @@ bool ValidProgramName(std::string_view name) {
 
 namespace local {
 
-bool ResolveProgram(const std::string& actionsDir, const Action& action, Program* program) {
-  const uint32_t id = action.requestId;
+bool ResolveProgram(const std::string& actionsDir, const Action& action, Program* program,
+                    Output& output) {
   std::string error;
   if (!SplitCommand(action.command, &program->words, &error)) {
-    SayFor(id, "refused: " + error);
+    output.Note("refused: " + error);
     return false;
   }
   if (program->words.empty()) {
-    SayFor(id, "refused: the command names no program");
+    output.Note("refused: the command names no program");
     return false;
   }
   const std::string& name = program->words[0];
   if (!ValidProgramName(name)) {
-    SayFor(id, "refused program name \"" + name + "\": only plain names of " + actionsDir +
-                   " are run");
+    output.Note("refused program name \"" + name + "\": only plain names of " + actionsDir +
+                " are run");
     return false;
   }
   program->path = actionsDir + "/" + name;
   struct stat status;
   if (stat(program->path.c_str(), &status) != 0) {
     const int failure = errno;
-    SayFor(id, "no action program \"" + name + "\" in " + actionsDir + ": " +
-                   ErrorText(failure));
+    output.Note("no action program \"" + name + "\" in " + actionsDir + ": " +
+                ErrorText(failure));
     return false;
   }
   if (!S_ISREG(status.st_mode) || access(program->path.c_str(), X_OK) != 0) {
-    SayFor(id, "refused \"" + name + "\": not an executable file");
+    output.Note("refused \"" + name + "\": not an executable file");
     return false;
   }
   return true;

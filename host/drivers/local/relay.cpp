@@ -1,4 +1,5 @@
-// The local driver's output relay (see internal.h).
+// The local driver's output relay (see internal.h): lines cut to length and
+// held to the action's budget on their way to its Output.
 #include "host/common/say.h"
 #include "host/drivers/local/internal.h"
 
@@ -46,12 +47,12 @@ void Relay::Finish(Stream& stream) {
 
 void Relay::Line(const std::string& text) {
   if (relayed_ >= kOutputMax) {
-    if (!dropping_) SayFor(requestId_, "[further output dropped]");
+    if (!dropping_) output_.Note("[further output dropped]");
     dropping_ = true;
     return;
   }
   relayed_ += text.size() + 1;
-  SayFor(requestId_, text);
+  output_.Line(text);
 }
 
 }  // namespace qmta::host::local

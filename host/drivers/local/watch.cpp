@@ -3,7 +3,9 @@
 // closed request asks it to stop. A closed request or the time-out ends
 // the program's group with SIGTERM, then SIGKILL after the grace. The
 // process is reaped only after its group has been signalled for the last
-// time, so a signal never reaches a reused pid.
+// time, so a signal never reaches a reused pid. The output pipes are left
+// unread while the action's queued lines wait for the writer (Output::Room),
+// and looked at again every few milliseconds; nothing else waits on them.
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
@@ -24,6 +26,9 @@ using Clock = std::chrono::steady_clock;
 
 // Without a pidfd the program's exit is polled for this often.
 constexpr int kExitPollMs = 50;
+// While the action's lines wait for the writer, its room is looked at
+// this often.
+constexpr int kRoomPollMs = 5;
 
 std::string DurationText(std::chrono::milliseconds span) {
   if (span.count() % 1000 == 0) return std::to_string(span.count() / 1000) + " s";
@@ -51,12 +56,12 @@ int ExitCode(const siginfo_t& info) {
 // happened is handled.
 class Watch {
  public:
-  Watch(const LocalSettings& settings, Job& job, Started& started)
+  Watch(const LocalSettings& settings, Job& job, Started& started, Output& output)
       : settings_(settings),
         job_(job),
         started_(started),
-        id_(job.action.requestId),
-        relay_(id_),
+        output_(output),
+        relay_(output),
         deadline_(Clock::now() + settings.timeout),
         next_(deadline_) {
     std::lock_guard<std::mutex> hold(groups().mutex);
@@ -70,7 +75,7 @@ class Watch {
       if (Wait(now) < 0) {
         if (errno != EINTR && errno != EAGAIN) {
           const int failure = errno;
-          SayFor(id_, "poll failed: " + ErrorText(failure));
+          output_.Note("poll failed: " + ErrorText(failure));
           break;  // cannot happen with valid descriptors; never spin
         }
         continue;
@@ -86,7 +91,7 @@ class Watch {
  private:
   enum class Phase { kRunning, kTerminating, kKilled, kExited };
 
-  Fd& Output(int stream) { return stream == 0 ? started_.out : started_.err; }
+  Fd& Pipe(int stream) { return stream == 0 ? started_.out : started_.err; }
 
   // Moves the phase on: a close or the time-out ends the program, SIGKILL
   // follows SIGTERM after the grace, and once the program has ended its
@@ -94,15 +99,15 @@ class Watch {
   bool Advance(Clock::time_point now) {
     switch (phase_) {
       case Phase::kExited:
-        if (!Output(0).open() && !Output(1).open()) return false;
+        if (!Pipe(0).open() && !Pipe(1).open()) return false;
         if (now < next_) return true;
-        SayFor(id_, "output still open after the program ended; no longer read");
+        output_.Note("output still open after the program ended; no longer read");
         return false;
       case Phase::kRunning:
         if (!stopRequested_ && now < deadline_) return true;
-        SayFor(id_, stopRequested_ ? "request closed; ending the program"
-                                   : "timed out after " + DurationText(settings_.timeout) +
-                                         "; ending the program");
+        output_.Note(stopRequested_ ? "request closed; ending the program"
+                                    : "timed out after " + DurationText(settings_.timeout) +
+                                          "; ending the program");
         killpg(started_.pid, SIGTERM);
         phase_ = Phase::kTerminating;
         next_ = now + settings_.grace;
@@ -126,7 +131,12 @@ class Watch {
       polled_[count] = {fd, POLLIN, 0};
       return static_cast<int>(count++);
     };
-    for (int i = 0; i < 2; ++i) streamSlot_[i] = Output(i).open() ? watch(Output(i).get()) : -1;
+    const bool room = output_.Room();
+    bool held = false;  // output waiting for room
+    for (int i = 0; i < 2; ++i) {
+      held = held || (Pipe(i).open() && !room);
+      streamSlot_[i] = Pipe(i).open() && room ? watch(Pipe(i).get()) : -1;
+    }
     watchExit_ = phase_ != Phase::kExited;
     exitSlot_ = watchExit_ && started_.exit.open() ? watch(started_.exit.get()) : -1;
     wakeSlot_ = phase_ == Phase::kRunning ? watch(started_.wake) : -1;
@@ -137,6 +147,7 @@ class Watch {
     }
     if (watchExit_ && !started_.exit.open())
       waitMs = waitMs < 0 ? kExitPollMs : std::min(waitMs, kExitPollMs);
+    if (held) waitMs = waitMs < 0 ? kRoomPollMs : std::min(waitMs, kRoomPollMs);
     return poll(polled_, count, waitMs);
   }
 
@@ -147,12 +158,12 @@ class Watch {
   void ReadOutput(int stream) {
     if (!Ready(streamSlot_[stream], POLLIN | POLLHUP | POLLERR)) return;
     char buffer[16384];
-    ssize_t got = read(Output(stream).get(), buffer, sizeof buffer);
+    ssize_t got = read(Pipe(stream).get(), buffer, sizeof buffer);
     if (got > 0) {
       relay_.Feed(streams_[stream], buffer, static_cast<size_t>(got));
     } else if (got == 0 || (errno != EINTR && errno != EAGAIN)) {
       relay_.Finish(streams_[stream]);
-      Output(stream).Reset();
+      Pipe(stream).Reset();
     }
   }
 
@@ -187,7 +198,7 @@ class Watch {
   const LocalSettings& settings_;
   Job& job_;
   Started& started_;
-  const uint32_t id_;
+  Output& output_;
   Relay relay_;
   Relay::Stream streams_[2];  // standard output and error
   Phase phase_ = Phase::kRunning;
@@ -211,8 +222,8 @@ int64_t EndAllGroups() {
   return static_cast<int64_t>(groups().pids.size());
 }
 
-int WatchProgram(const LocalSettings& settings, Job& job, Started& started) {
-  return Watch(settings, job, started).Run();
+int WatchProgram(const LocalSettings& settings, Job& job, Started& started, Output& output) {
+  return Watch(settings, job, started, output).Run();
 }
 
 }  // namespace qmta::host::local

@@ -16,11 +16,13 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "host/common/limits.h"
 #include "host/common/number.h"
 #include "host/common/say.h"
 #include "host/drivers/local/local.h"
@@ -44,7 +46,9 @@ constexpr char kHelp[] =
     "  --actions DIR          where the action programs are\n"
     "  --dir DIR              working directory of the programs (default: .)\n"
     "  --timeout S            end a program after S seconds (default: 50)\n"
-    "  --max N                programs run at once per node (default: 64)\n"
+    "  --max N                programs run at once per node (default: 64, or what\n"
+    "                         the descriptor and process limits allow, split among\n"
+    "                         the nodes, when that is less)\n"
     "  --queue N              requests waiting per node beyond those (default: 256);\n"
     "                         further ones are answered at once with status 2021\n"
     "  --tls-ca FILE          CA certificates (PEM) that sign the server's certificate\n"
@@ -71,6 +75,7 @@ struct Options {
   std::string dir;
   std::vector<std::string> localOptions;  // for the local driver: timeout=S, max=N
   int maxRunning = 64;
+  bool maxGiven = false;
   int queue = 256;
   std::vector<std::string> nodes;
   bool check = false;
@@ -116,6 +121,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
         // Checked by the local driver, which takes the same limit.
         options->localOptions.push_back(std::string("max=") + optarg);
         qmta::host::ParseNumber(std::string_view(optarg), &options->maxRunning, 1, 4096);
+        options->maxGiven = true;
         break;
       case kQueue:
         if (!qmta::host::ParseNumber(std::string_view(optarg), &options->queue, 0, 100000)) {
@@ -169,7 +175,12 @@ sigset_t StopSignals() {
   return signals;
 }
 
-int Run(Options& options) {
+int Run(Options& options, const qmta::host::HostLimits& limits) {
+  if (!options.maxGiven) {
+    const int nodes = static_cast<int>(options.nodes.size());
+    options.maxRunning = std::clamp(qmta::host::DefaultMaxActions(limits) / nodes, 1, 64);
+    options.localOptions.push_back("max=" + std::to_string(options.maxRunning));
+  }
   std::error_code failure;
   std::string actions = fs::absolute(options.actions, failure).lexically_normal().string();
   if (!fs::is_directory(actions, failure)) {
@@ -206,6 +217,7 @@ int Run(Options& options) {
   }
   agent->Stop();
   agent->Close();
+  qmta::host::FlushLocalOutput(std::chrono::seconds(2));
   return signal == SIGUSR1 ? 1 : signal == SIGUSR2 ? 3 : 0;
 }
 
@@ -217,6 +229,8 @@ int main(int argc, char** argv) {
   const sigset_t stopSignals = StopSignals();
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   signal(SIGPIPE, SIG_IGN);
+  // Before any thread starts; action programs get the limit as it was.
+  const qmta::host::HostLimits limits = qmta::host::RaiseDescriptorLimit();
 
   Options options;
   std::string error;
@@ -232,5 +246,5 @@ int main(int argc, char** argv) {
     puts("qmtaagent " QMTA_VERSION);
     return 0;
   }
-  return Run(options);
+  return Run(options, limits);
 }

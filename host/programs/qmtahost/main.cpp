@@ -16,7 +16,6 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,6 +27,7 @@
 #include <vector>
 
 #include "host/common/files.h"
+#include "host/common/limits.h"
 #include "host/common/say.h"
 #include "host/drivers/driver.h"
 #include "host/drivers/local/local.h"
@@ -142,20 +142,6 @@ void Configure(const Options& options) {
   if (options.clockShift != 0) host::SetClockShift(std::chrono::seconds(options.clockShift));
 }
 
-// The back-pressure limit when none is given: at most 4096 live actions,
-// fewer when the process may not have that many threads, or descriptors
-// for the programs of `local` actions (about four each, with room for the
-// host's own).
-int64_t DefaultMaxActions() {
-  int64_t limit = 4096;
-  struct rlimit got;
-  if (getrlimit(RLIMIT_NPROC, &got) == 0 && got.rlim_cur != RLIM_INFINITY)
-    limit = std::min<int64_t>(limit, static_cast<int64_t>(got.rlim_cur / 2));
-  if (getrlimit(RLIMIT_NOFILE, &got) == 0 && got.rlim_cur != RLIM_INFINITY)
-    limit = std::min<int64_t>(limit, static_cast<int64_t>(got.rlim_cur / 8));
-  return std::max<int64_t>(limit, 16);
-}
-
 // `qmtahost ctl [--control PATH] LINE...`
 int RunCtl(int argc, char** argv) {
   std::string path = DefaultControlPath();
@@ -224,9 +210,15 @@ int Run(const Options& options, bool stdoutClosed) {
   settings.events.allowAnyText = options.allowAnyText;
   settings.stdoutClosed = stdoutClosed;
   settings.outcomeLimit = std::chrono::seconds(std::max(5, 65 + options.clockShift));
-  settings.maxActions = options.maxActions ? *options.maxActions : DefaultMaxActions();
+  // The back-pressure limit when none is given: from the limits the host
+  // raised at start (host/common/limits.h).
+  settings.maxActions = options.maxActions ? *options.maxActions
+                                           : host::DefaultMaxActions(host::RaiseDescriptorLimit());
   settings.http = std::move(http);
   int status = RunService(entries, settings);
+  // Program output that a blocked standard error held back, if it takes
+  // it now.
+  host::FlushLocalOutput(std::chrono::seconds(2));
   if (setup.in != stdin) fclose(setup.in);
   return status;
 }
@@ -247,6 +239,8 @@ int main(int argc, char** argv) {
   if (argc > 1 && strcmp(argv[1], "ctl") == 0) return RunCtl(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "send") == 0) return RunSend(argc - 1, argv + 1);
 
+  // Before any thread starts; action programs get the limit as it was.
+  host::RaiseDescriptorLimit();
   Options options;
   std::string error;
   if (!ParseOptions(argc, argv, &options, &error)) {
