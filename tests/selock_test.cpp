@@ -86,8 +86,15 @@ TEST_F(SeLockTest, InvalidStatesAreReportedNotRepaired) {
 
 TEST_F(SeLockTest, FailedSystemCallsAreReportedWithErrno) {
   qmtatest::StdoutCapture out;
-  qmtatest_fault_arm(kFaultMutexLock, 0, 4, EDEADLK);
-  for (auto operation : {qmtalgsl, qmtalrsl, qmtalgel, qmtalrel}) EXPECT_EQ(-1, operation(&lock));
+  // A release asks for the mutex three times before it gives up.
+  for (auto operation : {qmtalgsl, qmtalrsl, qmtalgel, qmtalrel}) {
+    qmtatest_fault_arm(kFaultMutexLock, 0, operation == qmtalrsl || operation == qmtalrel ? 3 : 1, EDEADLK);
+    EXPECT_EQ(-1, operation(&lock));
+  }
+  EXPECT_EQ(0, Counter());
+  ASSERT_EQ(0, qmtalgel(&lock));
+  qmtatest_fault_arm(kFaultMutexLock, 0, 2, EDEADLK);
+  EXPECT_EQ(0, qmtalrel(&lock));
   EXPECT_EQ(0, Counter());
   SeLock noMutex{}, noCond{};
   noMutex.seCounter = noCond.seCounter = 5;
@@ -100,7 +107,10 @@ TEST_F(SeLockTest, FailedSystemCallsAreReportedWithErrno) {
   EXPECT_EQ(0, noMutex.seCounter + noCond.seCounter);
   const std::string mutex = "QMTAL01S UNABLE TO ACQUIRE MUTEX LOCK IN ", e = std::to_string(EDEADLK);
   EXPECT_EQ((Lines{mutex + "getslock ERRNO=" + e, mutex + "releaseeslock ERRNO=" + e,
+                   mutex + "releaseeslock ERRNO=" + e, mutex + "releaseeslock ERRNO=" + e,
                    mutex + "getelock ERRNO=" + e, mutex + "releaseelock ERRNO=" + e,
+                   mutex + "releaseelock ERRNO=" + e, mutex + "releaseelock ERRNO=" + e,
+                   mutex + "releaseelock ERRNO=" + e, mutex + "releaseelock ERRNO=" + e,
                    "QMTAL02E UNABLE INITIALIZE MUTEX LOCK ERRNO=" + std::to_string(EAGAIN),
                    "QMTAL02E UNABLE INITIALIZE CONDITION ERRNO=" + std::to_string(ENOMEM)}),
             out.TakeLines());
