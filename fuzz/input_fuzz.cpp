@@ -56,6 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       Check(!line.text.empty(), "an error says why");
       break;
     case InputLine::Kind::kDrain:
+    case InputLine::Kind::kReload:
       break;
     case InputLine::Kind::kEvent: {
       const Event& event = line.event;

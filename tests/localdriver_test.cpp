@@ -36,7 +36,7 @@ TEST(LocalSplit, DoubleQuotesGroupAndNothingElseIsSpecial) {
   EXPECT_EQ(Split("job \"a b\" c"), (Words{"job", "a b", "c"}));
   EXPECT_EQ(Split("  job\t\"\"  x  "), (Words{"job", "", "x"}));
   EXPECT_EQ(Split("job a\"b c\"d"), (Words{"job", "ab cd"}));
-  EXPECT_EQ(Split("job \"line\none\""), (Words{"job", "line\none"}));
+  EXPECT_EQ(Split("job \"a\tb\""), (Words{"job", "a\tb"}));
   EXPECT_EQ(Split("job \"$(touch x)\" `id` a;b ../x $HOME * 'q r' a\\ b"),
             (Words{"job", "$(touch x)", "`id`", "a;b", "../x", "$HOME", "*", "'q", "r'",
                    "a\\", "b"}));
@@ -50,6 +50,10 @@ TEST(LocalSplit, DoubleQuotesGroupAndNothingElseIsSpecial) {
   EXPECT_EQ(error, "a double quote is not closed");
   EXPECT_FALSE(SplitCommand(std::string("job \"a\0b\"", 10), &words, &error));
   EXPECT_EQ(error, "the command holds a NUL character");
+  for (const char* control : {"job \"line\none\"", "job \x1b[2J", "job \x7f"}) {
+    EXPECT_FALSE(SplitCommand(control, &words, &error)) << control;
+    EXPECT_EQ(error, "the command holds a control character");
+  }
 }
 
 TEST(LocalSplit, ProgramNamesAndOptions) {

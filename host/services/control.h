@@ -39,6 +39,10 @@ QMTA_HOSTSVC_API void SetClockShift(std::chrono::nanoseconds shift);
 QMTA_HOSTSVC_API void RegisterLoadModule(const std::string& name, const std::string& path);
 
 // ---- Action threads --------------------------------------------------------
+// Action threads between zblercm and zblerdm right now.
+QMTA_HOSTSVC_API int64_t LiveActions();
+// Action threads that have called zblercm since the process started.
+QMTA_HOSTSVC_API int64_t StartedActions();
 // Waits until no action thread is live and none has started for the settle
 // time; false when `limit` passed first. An action thread is seen only from
 // its first call (zblercm), a moment after the event call that created it
@@ -63,6 +67,11 @@ QMTA_HOSTSVC_API void SetCommandLength(int16_t length);
 // (host/drivers/driver.h). On a bad line returns false, sets `*error` to
 // "line N: reason" and keeps the old directory.
 QMTA_HOSTSVC_API bool SetDestinations(const std::string& text, std::string* error);
+// True when the directory pattern `pattern` (at most one '*') matches the
+// whole of `node`, as a directory line would (for tools that show which
+// line takes a destination without running anything).
+QMTA_HOSTSVC_API bool DestinationPatternMatches(const std::string& pattern,
+                                                const std::string& node);
 
 }  // namespace qmta::host
 

@@ -131,3 +131,11 @@ bool SetDestinations(const std::string& text, std::string* error) {
 }
 
 }  // namespace qmta::host
+
+namespace qmta::host {
+
+bool DestinationPatternMatches(const std::string& pattern, const std::string& node) {
+  return internal::PatternMatches(pattern, node);
+}
+
+}  // namespace qmta::host

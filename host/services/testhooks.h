@@ -15,11 +15,6 @@ namespace qmta::host {
 // Makes ENVR_QueryInfo fail (true) or succeed again (false).
 QMTA_HOSTSVC_API void SetNodeInfoFails(bool fails);
 
-// Action threads between zblercm and zblerdm right now.
-QMTA_HOSTSVC_API int64_t LiveActions();
-// Action threads that have called zblercm since the process started.
-QMTA_HOSTSVC_API int64_t StartedActions();
-
 // Query-service operations that tests can make fail.
 enum class Op {
   kCreatePath, kCreateAccessPlan, kCreateRequest, kGetInputSQLDA,

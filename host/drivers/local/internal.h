@@ -100,6 +100,8 @@ void ReleaseWake(Job& job);
 // Watches a started program until it has ended and its output is read:
 // relays its output, ends it on a close or after the time-out, reaps it.
 // Returns its return code.
+// SIGKILL to the group of every program being watched; how many.
+int64_t EndAllGroups();
 int WatchProgram(const LocalSettings& settings, Job& job, Started& started);
 
 // Cuts the output streams of one program into lines for SayFor, within

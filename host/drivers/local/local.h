@@ -39,6 +39,7 @@ struct LocalSettings {
 };
 
 // Splits `command` into words (see above). False, with `*error` set, when a
+// control character other than tab is in it (never handed to a program), or a
 // double quote is left open or the text holds a NUL character.
 bool SplitCommand(std::string_view command, std::vector<std::string>* words,
                   std::string* error);
@@ -61,6 +62,10 @@ DriverFactory LocalDriverFactory(const std::string& actionsDir);
 int64_t LiveLocalRunners();
 // Waits until no such thread runs; false when `limit` passed first.
 bool WaitForLocalRunners(std::chrono::milliseconds limit);
+// Ends the process group of every program running now with SIGKILL (a
+// host that stops at once); returns how many there were. Their runners
+// then report the programs' ends as usual.
+int64_t EndAllPrograms();
 
 }  // namespace qmta::host
 

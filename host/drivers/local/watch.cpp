@@ -11,6 +11,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <mutex>
+#include <set>
 
 #include "host/common/files.h"
 #include "host/drivers/local/internal.h"
@@ -26,6 +28,17 @@ constexpr int kExitPollMs = 50;
 std::string DurationText(std::chrono::milliseconds span) {
   if (span.count() % 1000 == 0) return std::to_string(span.count() / 1000) + " s";
   return std::to_string(span.count()) + " ms";
+}
+
+// Process groups of the programs running now, so that a host stopping at
+// once can end them all. Never destroyed (runners may outlive main).
+struct Groups {
+  std::mutex mutex;  // guards pids; held while a group is signalled or its leader reaped
+  std::set<pid_t> pids;
+};
+Groups& groups() {
+  static Groups* all = new Groups;
+  return *all;
 }
 
 int ExitCode(const siginfo_t& info) {
@@ -45,7 +58,10 @@ class Watch {
         id_(job.action.requestId),
         relay_(id_),
         deadline_(Clock::now() + settings.timeout),
-        next_(deadline_) {}
+        next_(deadline_) {
+    std::lock_guard<std::mutex> hold(groups().mutex);
+    groups().pids.insert(started_.pid);
+  }
 
   int Run() {
     for (;;) {
@@ -157,6 +173,10 @@ class Watch {
     if (waitid(P_PID, pid, &info_, WEXITED | WNOHANG | WNOWAIT) == 0 && info_.si_pid == pid) {
       // The program has ended: what it left in its group goes too, then it
       // is reaped.
+      // Off the list before it is reaped, so EndAllPrograms never signals
+      // a pid that may have been reused.
+      std::lock_guard<std::mutex> hold(groups().mutex);
+      groups().pids.erase(pid);
       killpg(pid, SIGKILL);
       waitid(P_PID, pid, &info_, WEXITED);
       phase_ = Phase::kExited;
@@ -185,8 +205,20 @@ class Watch {
 
 }  // namespace
 
+int64_t EndAllGroups() {
+  std::lock_guard<std::mutex> hold(groups().mutex);
+  for (pid_t pid : groups().pids) killpg(pid, SIGKILL);
+  return static_cast<int64_t>(groups().pids.size());
+}
+
 int WatchProgram(const LocalSettings& settings, Job& job, Started& started) {
   return Watch(settings, job, started).Run();
 }
 
 }  // namespace qmta::host::local
+
+namespace qmta::host {
+
+int64_t EndAllPrograms() { return local::EndAllGroups(); }
+
+}  // namespace qmta::host

@@ -49,7 +49,8 @@ constexpr char kHelp[] =
     "  --password-file FILE   file holding the password\n"
     "  --creds FILE           credentials file (JWT and NKey private key)\n"
     "  --reconnect-wait MS    pause between reconnection attempts (default: 1000)\n"
-    "  -h, --help             print this help and exit\n";
+    "  -h, --help             print this help and exit\n"
+    "  --version              print the version and exit\n";
 
 struct Options {
   conn::Settings settings;
@@ -58,6 +59,7 @@ struct Options {
   std::vector<std::string> localOptions;  // for the local driver: timeout=S, max=N
   std::vector<std::string> nodes;
   bool help = false;
+  bool version = false;
 };
 
 bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
@@ -77,6 +79,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       {"creds", required_argument, nullptr, kCreds},
       {"reconnect-wait", required_argument, nullptr, kReconnect},
       {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, 'V'},
       {nullptr, 0, nullptr, 0},
   };
   opterr = 0;
@@ -92,6 +95,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       case kTimeout: options->localOptions.push_back(std::string("timeout=") + optarg); break;
       case kMax: options->localOptions.push_back(std::string("max=") + optarg); break;
       case 'h': options->help = true; break;
+      case 'V': options->version = true; break;
       case ':': *error = word + ": needs a value"; return false;
       case '?': *error = "unknown option \"" + word + "\""; return false;
       default: {
@@ -100,7 +104,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       }
     }
   }
-  if (options->help) return true;
+  if (options->help || options->version) return true;
   for (int i = optind; i < argc; ++i) options->nodes.push_back(argv[i]);
   if (options->actions.empty()) {
     *error = "--actions is required";
@@ -184,6 +188,10 @@ int main(int argc, char** argv) {
   }
   if (options.help) {
     fputs(kHelp, stdout);
+    return 0;
+  }
+  if (options.version) {
+    puts("qmtaagent " QMTA_VERSION);
     return 0;
   }
   return Run(options);

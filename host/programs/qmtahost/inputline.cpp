@@ -116,6 +116,16 @@ InputLine ParseInputLine(std::string_view text) {
       line.kind = InputLine::Kind::kDrain;
       return line;
     }
+    if (object.contains("reload")) {
+      if (object["reload"] != true) return Error("\"reload\" must be true");
+      for (const auto& [name, value] : object.items()) {
+        if (name == "force" && !value.is_boolean()) return Error("\"force\" must be true or false");
+        if (name != "force" && name != "reload") return Error("\"reload\" takes no field " + Quoted(name));
+      }
+      line.force = object.value("force", false);
+      line.kind = InputLine::Kind::kReload;
+      return line;
+    }
     line.event = ReadEvent(object);
   } catch (const BadField& bad) {
     return Error(bad.reason);

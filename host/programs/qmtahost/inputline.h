@@ -32,12 +32,14 @@ struct InputLine {
     kSkip,     // empty line or comment
     kEvent,    // `event` holds it
     kDrain,    // wait until every action started so far has finished
+    kReload,   // check the rule file, then REFRESH (`force`: REFRESH unchecked)
     kCommand,  // `text` is the operator command
     kError     // `text` is the reason
   };
   Kind kind = Kind::kSkip;
   Event event;
   std::string text;
+  bool force = false;
 };
 
 // Classifies and parses one line, given without its line end.

@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <string.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -30,6 +31,12 @@ bool LineReader::Next(std::string* line, bool* tooLong) {
 }
 
 bool LineReader::Fill() {
+  if (wake_ >= 0) {
+    struct pollfd fds[2] = {{fd_, POLLIN, 0}, {wake_, POLLIN, 0}};
+    while (poll(fds, 2, -1) < 0 && errno == EINTR) {
+    }
+    if (fds[1].revents != 0) return false;
+  }
   ssize_t got;
   do {
     got = read(fd_, buffer_, sizeof buffer_);

@@ -1,25 +1,30 @@
 // qmtahost: the reference host. Loads the automation module, starts it, and
-// feeds it the events and operator commands of an input file, one line at
-// a time, on the main thread. Standard output carries only the module's
-// operator messages; everything the host itself says goes to standard
-// error.
+// feeds it the events and operator commands of an input file (file mode)
+// or of its control socket (`serve`), one line at a time, through one
+// dispatcher thread (service.cpp). Standard output carries only the
+// module's operator messages; everything the host itself says goes to
+// standard error. `check`, `explain` and `ctl` are tools that never load
+// the module.
 //
-// Threads: the main thread reads the input and calls the module's entries;
-// the start-up entry runs on a thread of its own (module.cpp); the module
-// starts an action thread per matching rule, the drivers have threads of
-// their own, and the query service delivers completions on its delivery
-// threads (docs/architecture.md).
+// Threads: the main thread prepares, loads the module and waits for the
+// stop (service.cpp); the start-up entry runs on a thread of its own
+// (module.cpp); the module starts an action thread per matching rule, the
+// drivers have threads of their own, and the query service delivers
+// completions on its delivery threads (docs/architecture.md).
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "host/common/files.h"
 #include "host/common/say.h"
@@ -27,10 +32,15 @@
 #include "host/drivers/local/local.h"
 #include "host/drivers/nats/driver.h"
 #include "host/drivers/sim.h"
+#include "host/programs/qmtahost/control.h"
+#include "host/programs/qmtahost/explain.h"
 #include "host/programs/qmtahost/inputline.h"
-#include "host/programs/qmtahost/linereader.h"
 #include "host/programs/qmtahost/module.h"
 #include "host/programs/qmtahost/options.h"
+#include "host/programs/qmtahost/reload.h"
+#include "host/programs/qmtahost/rulecheck.h"
+#include "host/programs/qmtahost/service.h"
+#include "host/programs/qmtahost/signals.h"
 #include "host/services/control.h"
 
 namespace {
@@ -106,7 +116,7 @@ int Prepare(const Options& options, Setup* setup) {
                                            : setup->Absolute(options.actions);
   setup->module = options.module.empty() ? DefaultModule() : setup->Absolute(options.module);
   if (!SetUpDestinations(options, *setup)) return kUsageError;
-  if (options.input != "-") {
+  if (!options.serve && options.input != "-") {
     setup->in = fopen(setup->Absolute(options.input).c_str(), "re");
     if (!setup->in) {
       const int failure = errno;
@@ -129,48 +139,72 @@ void Configure(const Options& options) {
   if (options.clockShift != 0) host::SetClockShift(std::chrono::seconds(options.clockShift));
 }
 
-// Hands every line of `in` to the module, in order, on this thread.
-void Feed(const Entries& entries, FILE* in) {
-  std::string text;
-  bool tooLong;
-  auto reader = std::make_unique<LineReader>(fileno(in));
-  for (long number = 1; reader->Next(&text, &tooLong); ++number) {
-    InputLine line = tooLong ? InputLine{InputLine::Kind::kError, {}, "line too long"}
-                             : ParseInputLine(text);
-    switch (line.kind) {
-      case InputLine::Kind::kSkip: break;
-      case InputLine::Kind::kEvent: SendEvent(entries, line.event); break;
-      case InputLine::Kind::kDrain: Drain(); break;
-      case InputLine::Kind::kCommand: SendCommand(entries, line.text); break;
-      case InputLine::Kind::kError: Say("line " + std::to_string(number) + ": " + line.text); break;
+// `qmtahost ctl [--control PATH] LINE...`
+int RunCtl(int argc, char** argv) {
+  std::string path = DefaultControlPath();
+  std::vector<std::string> lines;
+  for (int i = 1; i < argc; ++i) {
+    std::string word = argv[i];
+    if (word == "--control" && i + 1 < argc) {
+      path = argv[++i];
+    } else if (word.starts_with("--control=")) {
+      path = word.substr(10);
+    } else if (word == "-h" || word == "--help") {
+      fputs("usage: qmtahost ctl [--control PATH] LINE...\n"
+            "Sends each LINE (an event, {\"drain\": true}, {\"reload\": true} or a module\n"
+            "command) to the host serving at PATH and prints what its handling printed.\n"
+            "Exit status: 0 every line taken, 1 a line refused, 2 no host answers.\n",
+            stdout);
+      return 0;
+    } else {
+      lines.push_back(word);
     }
   }
-  if (reader->error() != 0) Say("error reading the input: " + host::ErrorText(reader->error()));
+  if (lines.empty()) {
+    host::SayUsageError("qmtahost ctl", "no line to send", "usage: qmtahost ctl [--control PATH] LINE...\n");
+    return kUsageError;
+  }
+  return RunControlClient(path, lines);
 }
 
-int Run(const Options& options) {
+int Run(const Options& options, bool stdoutClosed) {
+  // Before any thread exists, so that every thread inherits the mask and
+  // only the signal thread takes these signals.
+  BlockStopSignals();
   Setup setup;
   if (int status = Prepare(options, &setup)) return status;
   Configure(options);
   Entries entries;
   if (!LoadModule(setup.module, &entries)) return kModuleError;
-  if (options.init) Initialise(entries.init);
-  Feed(entries, setup.in);
-  if (setup.in != stdin) fclose(setup.in);
 
-  Drain();
-  // The local driver's threads end right after their last completion.
-  if (!host::WaitForLocalRunners(std::chrono::seconds(30)))
-    Say("action programs still running at exit");
-  fflush(stdout);
-  return 0;
+  ServiceSettings settings;
+  settings.serve = options.serve;
+  settings.input = setup.in;
+  settings.controlPath = options.control.empty() ? DefaultControlPath()
+                                                 : setup.Absolute(options.control);
+  settings.init = options.init;
+  settings.allowAnyText = options.allowAnyText;
+  settings.stdoutClosed = stdoutClosed;
+  settings.outcomeLimit = std::chrono::seconds(std::max(5, 65 + options.clockShift));
+  int status = RunService(entries, settings);
+  if (setup.in != stdin) fclose(setup.in);
+  return status;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A closed standard output is an error of the host modes, said once the
+  // command line is read; it is reopened on /dev/null meanwhile so that
+  // nothing the host opens takes its place.
+  const bool stdoutClosed = fcntl(1, F_GETFD) == -1 && errno == EBADF;
   EnsureStandardDescriptors();
   signal(SIGPIPE, SIG_IGN);  // a closed output is reported as an error, not fatal
+
+  // The operator tools: own processes that never load the module.
+  if (argc > 1 && strcmp(argv[1], "check") == 0) return RunCheck(argc - 1, argv + 1);
+  if (argc > 1 && strcmp(argv[1], "explain") == 0) return RunExplain(argc - 1, argv + 1);
+  if (argc > 1 && strcmp(argv[1], "ctl") == 0) return RunCtl(argc - 1, argv + 1);
 
   Options options;
   std::string error;
@@ -182,5 +216,9 @@ int main(int argc, char** argv) {
     fputs(kHelp, stdout);
     return 0;
   }
-  return Run(options);
+  if (options.version) {
+    puts("qmtahost " QMTA_VERSION);
+    return 0;
+  }
+  return Run(options, stdoutClosed);
 }

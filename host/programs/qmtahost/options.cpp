@@ -12,12 +12,25 @@ namespace qmta::hostprog {
 const char kUsage[] =
     "usage: qmtahost [--dir DIR] [--nodes FILE] [--actions DIR] [--module PATH]\n"
     "                [--server NAME] [--trace LEVEL] [--no-init] [--command-length N]\n"
-    "                [INPUT]\n";
+    "                [--allow-any-text] [INPUT]\n"
+    "       qmtahost serve [--control PATH] [OPTION]...\n"
+    "       qmtahost ctl [--control PATH] LINE...\n"
+    "       qmtahost check|explain ...\n";
 
 const char kHelp[] =
     "usage: qmtahost [OPTION]... [INPUT]\n"
+    "       qmtahost serve [--control PATH] [OPTION]...\n"
+    "       qmtahost ctl [--control PATH] LINE...\n"
+    "       qmtahost check [--strict] [--json] [--max-size BYTES] [--actions DIR]\n"
+    "                      [--nodes FILE] [FILE]\n"
+    "       qmtahost explain [--dir DIR] [--nodes FILE] EVENT...\n"
     "Runs the automation module on the events and operator commands of INPUT\n"
     "(standard input when INPUT is missing or \"-\").\n"
+    "  serve     runs until stopped, taking lines on the control socket\n"
+    "  ctl       sends lines to a serving host and prints what their handling printed\n"
+    "  check     checks a rule file (default ./QMTASITR) without touching a running host\n"
+    "  explain   shows the rules an event would fire and the commands they would send\n"
+    "            (EVENT is a JSON event line; \"-\" reads them from standard input)\n"
     "  --dir DIR             work in DIR; the rule file is DIR/QMTASITR (default: .)\n"
     "  --nodes FILE          destination directory (default: every node runs \"local\")\n"
     "  --actions DIR         programs of the local driver (default: DIR/actions)\n"
@@ -26,12 +39,21 @@ const char kHelp[] =
     "  --trace LEVEL         trace level of every unit, written to standard error\n"
     "  --no-init             do not call the start-up entry; the first event initialises\n"
     "  --command-length N    declared length of the COMMAND parameter (default: 600)\n"
-    "  -h, --help            print this help and exit\n";
+    "  --control PATH        serve, ctl: the control socket (default:\n"
+    "                        $RUNTIME_DIRECTORY/control, else /run/qmtahost/control)\n"
+    "  --allow-any-text      let quotes and control characters in event names through\n"
+    "                        (lab runs against sim destinations only)\n"
+    "  -h, --help            print this help and exit\n"
+    "  --version             print the version and exit\n"
+    "Input lines: events (JSON), {\"drain\": true}, {\"reload\": true} (checked reload,\n"
+    "\"force\": true to skip the check), operator commands (REFRESH, DISPLAY, TESTSIT).\n";
 
 namespace {
 
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
-              kClockShift };
+              kClockShift, kVersion, kControl, kAllowAnyText };
+
+}  // namespace
 
 // A number of an option within [low, high], in decimal or after "0x" in
 // hexadecimal.
@@ -78,11 +100,12 @@ bool SetOption(int option, const char* value, Options* options, std::string* err
       options->clockShift = static_cast<int32_t>(number);
       break;
     case 'h': options->help = true; break;
+    case kVersion: options->version = true; break;
+    case kControl: options->control = value; break;
+    case kAllowAnyText: options->allowAnyText = true; break;
   }
   return true;
 }
-
-}  // namespace
 
 bool ParseOptions(int argc, char* const* argv, Options* options, std::string* error) {
   static const struct option longOptions[] = {
@@ -96,10 +119,19 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"command-length", required_argument, nullptr, kLength},
       {"clock-shift", required_argument, nullptr, kClockShift},
       {"help", no_argument, nullptr, 'h'},
+      {"version", no_argument, nullptr, kVersion},
+      {"control", required_argument, nullptr, kControl},
+      {"allow-any-text", no_argument, nullptr, kAllowAnyText},
       {nullptr, 0, nullptr, 0},
   };
-  // getopt_long may reorder the pointers; it works on a copy.
+  // getopt_long may reorder the pointers; it works on a copy (without the
+  // word "serve").
   std::vector<char*> args(argv, argv + argc);
+  if (argc > 1 && std::string_view(argv[1]) == "serve") {
+    options->serve = true;
+    args.erase(args.begin() + 1);
+    --argc;
+  }
   args.push_back(nullptr);
   optind = 0;  // start afresh (glibc), also when called again
   opterr = 0;  // the messages are ours
@@ -119,6 +151,10 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       return false;
     }
     if (!SetOption(option, optarg, options, error)) return false;
+  }
+  if (options->serve && optind < argc) {
+    *error = std::string("serve takes no input file (\"") + args[optind] + "\")";
+    return false;
   }
   if (optind < argc - 1) {
     *error = std::string("more than one input file (\"") + args[optind + 1] + "\")";

@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace qmta::hostprog {
 
@@ -22,11 +23,16 @@ struct Options {
   // seconds off, so that a shift of -57 makes its 60-second wait 3 seconds.
   int32_t clockShift = 0;
   std::string input = "-";  // "-": standard input
+  bool serve = false;       // `qmtahost serve`: the control socket, no input
+  std::string control;      // serve: the control socket; empty: the default
+  bool allowAnyText = false;  // no intake check on event text (lab runs)
   bool help = false;
+  bool version = false;     // --version: print "qmtahost VERSION" and exit
 };
 
-// Reads the command line into `*options`. False, with `*error` set to a
-// one-line reason, on a usage error.
+// Reads the command line into `*options`; "serve" as the first word is the
+// long-running mode. False, with `*error` set to a one-line reason, on a
+// usage error.
 bool ParseOptions(int argc, char* const* argv, Options* options, std::string* error);
 
 // The --help text (one line per option) and the short usage for errors.
