@@ -4,8 +4,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include <atomic>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -215,49 +213,14 @@ TEST(Stacks, ReuseLastInFirstOutAndKeepAtMostEightyPerCent) {
     while (s->top) pushstack(s, pullstack(s), 1);
 }
 
-bool Eventually(const std::atomic<bool>& flag) {
-  for (int i = 0; i < 2000 && !flag; ++i) std::this_thread::sleep_for(1ms);
-  return flag;
-}
-
 struct SeLockTest : testing::Test {
   void SetUp() override { ASSERT_EQ(0, qmtalint(&lock)); }
   void TearDown() override { qmtatest_fault_reset(); }
-  // A thread that takes the lock, says so, and holds it until let go.
-  std::thread Holder(bool exclusive, std::atomic<bool>& got, std::atomic<bool>& letGo) {
-    return std::thread([this, exclusive, &got, &letGo] {
-      ASSERT_EQ(0, exclusive ? qmtalgel(&lock) : qmtalgsl(&lock));
-      got = true;
-      while (!letGo) std::this_thread::sleep_for(1ms);
-      ASSERT_EQ(0, exclusive ? qmtalrel(&lock) : qmtalrsl(&lock));
-    });
-  }
   SeLock lock{};
 };
 
-TEST_F(SeLockTest, SharedSideBySideExclusiveAloneReadersPreferred) {
-  std::atomic<bool> gotW{false}, gotR{false}, gotR2{false}, letW{false}, letR{false}, letR2{true};
-  ASSERT_EQ(0, qmtalgsl(&lock));
-  std::thread writer = Holder(true, gotW, letW);
-  std::this_thread::sleep_for(30ms);
-  EXPECT_FALSE(gotW) << "exclusive granted beside a shared holder";
-  std::thread reader = Holder(false, gotR, letR);  // not held up by the waiting writer
-  EXPECT_TRUE(Eventually(gotR));
-  EXPECT_EQ(2, lock.seCounter);
-  ASSERT_EQ(0, qmtalrsl(&lock));
-  std::this_thread::sleep_for(30ms);
-  EXPECT_FALSE(gotW) << "exclusive granted while a shared holder remained";
-  letR = true;  // the last shared release wakes the exclusive waiter
-  EXPECT_TRUE(Eventually(gotW));
-  std::thread reader2 = Holder(false, gotR2, letR2);
-  std::this_thread::sleep_for(30ms);
-  EXPECT_FALSE(gotR2) << "shared granted beside an exclusive holder";
-  letW = true;
-  EXPECT_TRUE(Eventually(gotR2));
-  for (std::thread* t : {&writer, &reader, &reader2}) t->join();
-  EXPECT_EQ(0, lock.seCounter);
-}
-
+// Its contract among threads (shared side by side, exclusive alone) holds
+// under the soak's reloads against its searches.
 TEST_F(SeLockTest, InvalidStatesAreReportedNotRepairedAndAReleaseTriesThreeTimes) {
   qmtatest::StdoutCapture out;
   EXPECT_EQ(-1, qmtalrsl(&lock));  // a free lock: -1 now reads as exclusive

@@ -1,8 +1,7 @@
 // The module as a host loads it: start-up in every state the rule file can
 // leave it, the operator commands, every answer a destination gives and the
-// stack it uses, what reaches the destination, and input no host should
-// send (under the sanitizer builds these also prove that nothing is read or
-// written outside its buffer). Failures of each step: faultsweep_test.
+// stack it uses, what reaches the destination. Failures of each step:
+// faultsweep_test; hostile events and rule files: the fuzz targets.
 #include <errno.h>
 
 #include <map>
@@ -10,30 +9,15 @@
 #include <regex>
 #include <thread>
 
-#include "platform/trc1.h"
 #include "tests/support/eventfixture.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
-using Attributes = std::vector<std::pair<std::string, std::string>>;
 
 class ModuleTest : public qmtatest::EventFixture {
  protected:
-  void TearDown() override {
-    qmta::host::SetTraceLevel(0);
-    qmta::host::SetTraceStream(nullptr);
-    EventFixture::TearDown();
-  }
-  Lines Command(const std::string& text) {
-    module_->Command(text);
-    return out_->TakeLines();
-  }
-  Lines Init() {
-    module_->Init();
-    return out_->TakeLines();
-  }
   // One rule to `dest` and one event: the lines after the start messages,
   // then DISPLAY's stack sizes.
   Lines Outcome(const std::string& dest, const std::string& nodes) {
@@ -86,34 +70,6 @@ TEST_F(ModuleTest, StartUpWithAGoodAMissingAndAnEmptyRuleFile) {
   EXPECT_EQ(Drain(), Lines{});
 }
 
-TEST_F(ModuleTest, StartUpAndFirstEventsRacingInitialiseOnce) {
-  Start("SITNAME=S DESTNODE=D;\n", "* sim rc=0\n");
-  std::atomic<int> ready{0}, results{0};
-  qmtatest::OnThreads(7, [&](int i) {  // four events and three start-up calls
-    for (++ready; ready.load() < 7;) std::this_thread::yield();
-    if (i < 4)
-      results += Fire("S", "n", 1) == 0;
-    else
-      module_->Init();
-  });
-  Lines lines = Drain(4);
-  EXPECT_EQ(results.load(), 4);
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), "QMTA093I ACTION ENVIRONMENT INITIALIZE"), 1);
-  EXPECT_EQ(lines.front(), "QMTA093I ACTION ENVIRONMENT INITIALIZE");
-  EXPECT_EQ(lines.size(), 1u + 4 * 3);
-}
-
-TEST_F(ModuleTest, WithoutNodeInformationThePathGoesToTheDefaultServer) {
-  Start("SITNAME=S DESTNODE=D;\n", "* sim rc=0\n");
-  qmta::host::SetNodeInfoFails(true);
-  qmta::host::SetServerName("SRVR01");
-  qmta::host::SetTraceLevel(1);  // the warning comes with tracing only
-  Lines lines = Init();
-  qmta::host::SetTraceLevel(0);
-  EXPECT_EQ(lines, (Lines{"QMTA028W ENVR_QueryInfo failed, defaulting to SRVR01", "QMTA029I DBQ1_CreatePath status=0",
-                          "QMTA093I ACTION ENVIRONMENT INITIALIZE"}));
-}
-
 TEST_F(ModuleTest, CommandsDisplayAndRecognition) {
   Start("SITNAME=Disk* ORIGINNODE=\"host 1\" STATE=FALSE DESTNODE=SYS:MVS_ACTIONS CALLTYPE=12 "
         "SUBAGENT=sub ARG1=NODE ARG2=\"a b\" ARG3=%s%n;\nDESTNODE=D2 STATE=ANY;\n"
@@ -122,17 +78,14 @@ TEST_F(ModuleTest, CommandsDisplayAndRecognition) {
   EXPECT_EQ(Command("REFRESH"), Lines{"QMTA090I QMTASITR REFRESHED.  STATUS=-7"});
   EXPECT_EQ(Command("DISPLAY"), Lines{"QMTA200E ACTION ENVIRONMENT NOT INITIALIZED DISPLAY COMMAND ENDED."});
   Init();
-  const Lines display{"QMTA094I QMTASITR LOOKUP TABLE:",
-                      "QMTA095I IF SITNAME=Disk* AND ORIGINNODE=host 1 AND STATE=FALSE THEN",
-                      "QMTA096I    DESTNODE=SYS:MVS_ACTIONS CALLTYPE=12 SCRIPT=sub",
-                      "QMTA097I       ARG1=NODE", "QMTA097I       ARG2=\"a b\"", "QMTA097I       ARG3=%s%n",
-                      "QMTA095I IF SITNAME=* AND ORIGINNODE=* AND STATE=ANY THEN",
-                      "QMTA096I    DESTNODE=D2 CALLTYPE=0 SCRIPT=*",
-                      "QMTA095I IF SITNAME=* AND ORIGINNODE=* AND STATE=UNKNOWN THEN",
-                      "QMTA096I    DESTNODE=D3 CALLTYPE=0 SCRIPT=*", "QMTA097I       ARG1=x", "QMTA097I       ARG2=",
-                      "QMTA097I       ARG3=z", "QMTA095I IF SITNAME=* AND ORIGINNODE=* AND STATE=TRUE THEN",
-                      "QMTA096I    DESTNODE=D4 CALLTYPE=0 SCRIPT=*", "QMTA097I       ARG1=", "QMTA097I       ARG2=",
-                      "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=0/0"};
+  const std::string rule = "QMTA095I IF SITNAME=", to = "QMTA096I    DESTNODE=", arg = "QMTA097I       ARG";
+  const Lines display{
+      "QMTA094I QMTASITR LOOKUP TABLE:", rule + "Disk* AND ORIGINNODE=host 1 AND STATE=FALSE THEN",
+      to + "SYS:MVS_ACTIONS CALLTYPE=12 SCRIPT=sub", arg + "1=NODE", arg + "2=\"a b\"", arg + "3=%s%n",
+      rule + "* AND ORIGINNODE=* AND STATE=ANY THEN", to + "D2 CALLTYPE=0 SCRIPT=*",
+      rule + "* AND ORIGINNODE=* AND STATE=UNKNOWN THEN", to + "D3 CALLTYPE=0 SCRIPT=*", arg + "1=x", arg + "2=", arg + "3=z",
+      rule + "* AND ORIGINNODE=* AND STATE=TRUE THEN", to + "D4 CALLTYPE=0 SCRIPT=*", arg + "1=", arg + "2=",
+      "QMTA100I STACK SIZES:  VX=0/0 RM=0/0 SNMP=0/0"};
   EXPECT_EQ(Command("DISPLAY%n"), display);
   // The first seven characters after any separators decide; the text of
   // an invalid command is shown from there to its end, line end included,
@@ -191,6 +144,7 @@ TEST_F(ModuleTest, EachAnswerOfTheDestinationHasItsMessages) {
   const struct {
     std::string dest, nodes;
     Lines expected;
+    bool fetchFails = false;
   } cases[] = {
       {"HOST1", "HOST* sim rc=0,4\n",
        {rows + "HOST1 STATE=1 RC=0 REQUESTID=1", rows + "HOST1 STATE=1 RC=4 REQUESTID=1",
@@ -208,13 +162,17 @@ TEST_F(ModuleTest, EachAnswerOfTheDestinationHasItsMessages) {
       {"host:snmp_trap", "* offline\n", {failed + "2020", none}},  // stack names are case-sensitive
       {"NOWHERE", "OTHER sim rc=0\n", {failed + "2020", none}},     // no line names it
       {"HOST1", "HOST1 sim status=7 delay=20\n", {failed + "7", none}},
+      {"HOST1", "HOST1 sim rc=0\n", {"QMTA030E SELECT SQL ERROR ON FETCH STATUS=77", none}, true},
       // ERRNO is the status the last completion left, 0; the output step is
       // still tried on the closed request, and its cursor is not open.
       {"HOST1", "HOST1 sim silent\n",
        {"QMTA042E NO RESPONSE FROM DESTNODE=HOST1 FOR SITNAME=Disk1 ORIGINNODE=node1 STATE=1 ERRNO=0 REQUESTID=1",
         "QMTA030E SELECT SQL ERROR ON FETCH STATUS=" + std::to_string(DBQ1_CURSOR_NOT_OPEN), none}},
   };
-  for (const auto& c : cases) EXPECT_EQ(Outcome(c.dest, c.nodes), c.expected) << c.dest << " " << c.nodes;
+  for (const auto& c : cases) {
+    qmta::host::FailOperation(qmta::host::Op::kFetch, 77, c.fetchFails);
+    EXPECT_EQ(Outcome(c.dest, c.nodes), c.expected) << c.dest << " " << c.nodes;
+  }
 }
 
 TEST_F(ModuleTest, TheLastMatchingRuleDecidesTheResult) {
@@ -289,77 +247,6 @@ TEST_F(ModuleTest, EventEntryChecksThePathAndTheFlag) {
   EXPECT_EQ(module_->autoexit("S", "n", 0, 1, "t", 0, nullptr, nullptr, nullptr, nullptr, 1), 0);
   EXPECT_EQ(State().inDS, 0);
   EXPECT_EQ(Drain(1).at(1), "QMTA041I CMD=* \"S\" \"t\" \"0\" \"1\" \"n\" \"\"");
-}
-
-// 10,000-character names, values and threshold, and 1,000 attributes: the
-// first 500 with 10,000-character names.
-TEST_F(ModuleTest, HugeNamesValuesAndAThousandAttributes) {
-  Start("SITNAME=S* ORIGINNODE=O* DESTNODE=ROWS SCRIPT=s ARG1=Attr.998 ARG2=Attr.999x;\n"
-        "SITNAME=* DESTNODE=ROWS SCRIPT=t ARG1=Attr.999;\nSITNAME=Short DESTNODE=ROWS;\n",
-        "ROWS sim rc=0,3\n");
-  Attributes attributes;
-  for (int i = 0; i < 1000; ++i) {
-    std::string number = std::to_string(i);
-    attributes.emplace_back(i < 500 ? std::string(10000 - number.size(), 'N') + number : "Attr." + number,
-                            i == 998 ? std::string(580, 'w') : std::string(10000, 'v'));
-  }
-  const std::string sitname(10000, 'S'), threshold(10000, '"'), sit32(32, 'S');
-  // The second rule's value, cut to 598 characters, still overflows the
-  // command, which fails that action only; it is the last match, so -1.
-  EXPECT_EQ(Fire(sitname, std::string(10000, 'O'), 1, 0, attributes, threshold.c_str()), -1);
-  Lines lines = Drain(1);
-  std::sort(lines.begin(), lines.end());
-  EXPECT_EQ(lines, (Lines{"QMTA004E COMMAND BUFFER OVERFLOW SITUATION=" + sitname + " DESTNODE=Attr.999 ARG=",
-                          "QMTA040I ACTION STARTED FOR SITNAME=" + sit32 + " DESTNODE=ROWS STATE=1 REQUESTID=1",
-                          "QMTA041I CMD=s \"" + std::string(580, 'w') + "\" \"Attr.999x\"",
-                          "QMTA050I ACTION COMPLETED FOR SITNAME=" + sit32 + " DESTNODE=ROWS STATE=1 RC=0 REQUESTID=1",
-                          "QMTA050I ACTION COMPLETED FOR SITNAME=" + sit32 + " DESTNODE=ROWS STATE=1 RC=3 REQUESTID=1",
-                          "QMTA093I ACTION ENVIRONMENT INITIALIZE"}));
-  // The default arguments: the threshold, cut at 598 characters, no longer
-  // fits. With detail trace on, each attribute is traced whole.
-  FILE* trace = tmpfile();
-  qmta::host::SetTraceStream(trace);
-  qmta::host::SetTraceLevel(TRC1_DETAIL);
-  EXPECT_EQ(Fire("Short", "n", 1, 0, attributes, threshold.c_str()), -1);
-  qmta::host::SetTraceLevel(0);
-  qmta::host::SetTraceStream(nullptr);
-  EXPECT_EQ(Drain(), (Lines{"QMTA004E COMMAND BUFFER OVERFLOW SITUATION=Short DESTNODE=Attr.999 ARG=",
-                            "QMTA004E COMMAND BUFFER OVERFLOW SITUATION=Short DESTNODE=THRESHOLD ARG="}));
-  rewind(trace);
-  std::string text;
-  for (int c; (c = fgetc(trace)) != EOF;) text += static_cast<char>(c);
-  fclose(trace);
-  EXPECT_NE(text.find(" attribute[999]: name=Attr.999 value=" + std::string(10000, 'v') + "\n"), std::string::npos);
-  EXPECT_NE(text.find(" thresholdS=" + threshold + "\n"), std::string::npos);
-}
-
-TEST_F(ModuleTest, PercentSignsInEveryRuleFieldAreText) {
-  std::string n17;
-  for (int i = 0; i < 17; ++i) n17 += "%n";
-  Start("SITNAME=%s%n* ORIGINNODE=%n* DESTNODE=%x%n%s SCRIPT=%n%n%n ARG1=SITNAME ARG2=%d%n ARG3=\"%s %n\";\n"
-        "STATE=%n DESTNODE=X;\nCALLTYPE=%s DESTNODE=X;\n%n%n DESTNODE=X;\n"
-        "DESTNODE=%n%s SITNAME=%n SITNAME=%s ORIGINNODE=" + n17 + ";\nDESTNODE=%n* ;\n"
-        "SITNAME=%s%n%s%n%s%n%s%n%s%n%s%n%s%n%s%n%s%n DESTNODE=Y;\n",
-        "* sim rc=0\n");
-  EXPECT_EQ(Init(), (Lines{"QMTA021E INVALID VALUE FOR STATE=%n IN LINE 2",
-                           "QMTA021E INVALID VALUE FOR CALLTYPE=%s IN LINE 3", "QMTA022E INVALID SYNTAX: %n%n IN LINE 4",
-                           "QMTA014W MULTIPLE VALUES DETECTED FOR SITNAME IN LINE 5 NEW VALUE=%s OLD=%n CHECK SEMICOLONS",
-                           "QMTA027W LENGTH TRUNCATED TO 32 CHARACTERS FOR ORIGINNODE=\"" + n17 + "\" IN LINE 5",
-                           "QMTA025E WILDCARD NOT ALLOWED IN DESTNODE=%n* IN LINE 6",
-                           "QMTA010E DESTNODE NOT SPECIFIED IN LINE 6 NEAR \"%n*\"",
-                           "QMTA020E INVALID LENGTH=32 FOR SITNAME=\"%s%n%s%n%s%n%s%n%s%n%s%n%s%n%s%n%s%n\" IN LINE 7",
-                           "QMTA093I ACTION ENVIRONMENT INITIALIZE"}));
-  Lines display = Command("DISPLAY");
-  EXPECT_EQ(Lines(display.begin() + 1, display.end() - 1),
-            (Lines{"QMTA095I IF SITNAME=%s%n* AND ORIGINNODE=%n* AND STATE=TRUE THEN",
-                   "QMTA096I    DESTNODE=%x%n%s CALLTYPE=0 SCRIPT=%n%n%n", "QMTA097I       ARG1=SITNAME",
-                   "QMTA097I       ARG2=%d%n", "QMTA097I       ARG3=\"%s %n\"",
-                   "QMTA095I IF SITNAME=%s AND ORIGINNODE=" + n17.substr(0, 32) + " AND STATE=TRUE THEN",
-                   "QMTA096I    DESTNODE=%n%s CALLTYPE=0 SCRIPT=*"}));
-  EXPECT_EQ(Fire("%s%nDisk", "%n%n", 1), 0);
-  EXPECT_EQ(Drain(1), (Lines{"QMTA040I ACTION STARTED FOR SITNAME=%s%nDisk DESTNODE=%x%n%s STATE=1 REQUESTID=1",
-                             "QMTA041I CMD=%n%n%n \"%s%nDisk\" \"%d%n\" \"%s %n\"",
-                             "QMTA050I ACTION COMPLETED FOR SITNAME=%s%nDisk DESTNODE=%x%n%s STATE=1 RC=0 REQUESTID=1"}));
 }
 
 }  // namespace
