@@ -1,5 +1,6 @@
-// qmtahost run as a user runs it: files in a scratch directory, standard
-// output compared line by line, standard error searched.
+// qmtahost: its input lines, and the program run as a user runs it (files
+// in a scratch directory, standard output compared line by line, standard
+// error searched).
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -8,11 +9,15 @@
 
 #include <gtest/gtest.h>
 
+#include "host/programs/qmtahost/inputline.h"
 #include "tests/support/support.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
+using qmta::hostprog::InputLine;
+using qmta::hostprog::ParseInputLine;
+using Kind = InputLine::Kind;
 
 struct Result {
   int status = -1;  // exit status, or -1 when it did not exit in time
@@ -50,51 +55,6 @@ class Host : public ::testing::Test {
 
 std::string Event(const std::string& fields) { return "{\"originnode\": \"n1\", " + fields + "}\n"; }
 
-TEST_F(Host, EventsWithEveryOutcomeThroughSim) {
-  Write("QMTASITR", "* one rule per outcome\nSITNAME=Good DESTNODE=ok:N SCRIPT=job ARG1=NODE ARG2=Disk.Name;\n"
-                    "SITNAME=Two DESTNODE=two:N CALLTYPE=4 SCRIPT=job ARG1=SITNAME;\n"
-                    "SITNAME=None STATE=ANY DESTNODE=none:N SCRIPT=job;\n"
-                    "SITNAME=Off DESTNODE=SYS1:MVS_ACTIONS SCRIPT=job ARG1=CURRSTATE;\n"
-                    "SITNAME=Bad DESTNODE=bad:N SCRIPT=job ARG1=PRESTATE;\nSITNAME=Lost DESTNODE=nowhere:N SCRIPT=job ARG1=SITNAME;\n");
-  Write("nodes", "# outcomes\nok:* sim rc=0\ntwo:* sim rc=1,2\nnone:* sim norows\nSYS1:MVS_ACTIONS offline\n"
-                 "bad:* sim status=106\n");
-  const std::string drain = "{\"drain\": true}\n";
-  Result result = Run({"--nodes", "nodes", "--trace", "65"},
-                      Event(R"("sitname": "Good", "currstate": 1, "attributes": [["Disk.Name", "sda"], ["Disk.Name", "sdb"]])") +
-                          drain + Event(R"("sitname": "Two", "currstate": 1)") + drain +
-                          Event(R"("sitname": "None", "currstate": 0, "prevstate": -1, "timestamp": "1261116000509000", "threshold": "a\"b")") +
-                          drain + Event(R"("sitname": "Off", "currstate": 1)") + drain +
-                          Event(R"("sitname": "Bad", "currstate": 1, "prevstate": 2)") + drain +
-                          Event(R"("sitname": "Lost", "currstate": 1)") + drain + Event(R"("sitname": "Good", "currstate": 2)") +
-                          Event(R"("sitname": "Good", "currstate": 1, "pathhandle": false, "onds": 0)"));
-  EXPECT_EQ(result.status, 0);
-  auto started = [](const std::string& sit, const std::string& dest, int state, int id, const std::string& cmd) {
-    return "QMTA040I ACTION STARTED FOR SITNAME=" + sit + " DESTNODE=" + dest + " STATE=" + std::to_string(state) +
-           " REQUESTID=" + std::to_string(id) + "|QMTA041I CMD=" + cmd;
-  };
-  // Detail trace (level bit 1) adds the path creation message.
-  std::string expected = "QMTA029I DBQ1_CreatePath status=0|QMTA093I ACTION ENVIRONMENT INITIALIZE|" +
-                         started("Good", "ok:N", 1, 1, "job \"n1\" \"sda\"") +
-                         "|QMTA050I ACTION COMPLETED FOR SITNAME=Good DESTNODE=ok:N STATE=1 RC=0 REQUESTID=1|" +
-                         started("Two", "two:N", 1, 2, "job \"Two\"") +
-                         "|QMTA050I ACTION COMPLETED FOR SITNAME=Two DESTNODE=two:N STATE=1 RC=1 REQUESTID=2"
-                         "|QMTA050I ACTION COMPLETED FOR SITNAME=Two DESTNODE=two:N STATE=1 RC=2 REQUESTID=2|" +
-                         started("None", "none:N", 0, 3, "job \"None\" \"1261116000509000\" \"-1\" \"0\" \"n1\" \"a'b\"") +
-                         "|QMTA051W DESTNODE=none:N OFFLINE FOR SITNAME=None ORIGINNODE=n1 STATE=0 REQUESTID=3|" +
-                         started("Off", "SYS1:MVS_ACTIONS", 1, 4, "job \"1\"") +
-                         "|QMTA051W DESTNODE=SYS1:MVS_ACTIONS OFFLINE FOR SITNAME=Off ORIGINNODE=n1 STATE=1 REQUESTID=4|" +
-                         started("Bad", "bad:N", 1, 5, "job \"2\"") +
-                         "|QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=106|" +
-                         started("Lost", "nowhere:N", 1, 6, "job \"Lost\"") +
-                         "|QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=2020|QMTA007E THE PATH HANDLE IS INVALID";
-  std::string out;
-  for (const std::string& line : result.out) out += (out.empty() ? "" : "|") + line;
-  EXPECT_EQ(out, expected);
-  // Trace goes to standard error only.
-  EXPECT_TRUE(std::any_of(result.err.begin(), result.err.end(),
-                          [](const std::string& line) { return line.find("qmtauto1 entry autoexit") != std::string::npos; }));
-}
-
 // A line of 1 MiB and a little more spans many reads; so does the good line
 // right after it when the reads fall that way. The last line needs no line
 // end. TESTSIT finds the module the host registered with its loader; an
@@ -129,41 +89,6 @@ TEST_F(Host, MalformedAndLongLinesAreReportedAndSkippedAndTestsitRuns) {
                    done + "S DESTNODE=sim:N STATE=1 RC=0 REQUESTID=2", done + "S DESTNODE=sim:N STATE=1 RC=0 REQUESTID=3",
                    done + "TestSituation DESTNODE=sim:N STATE=1 RC=0 REQUESTID=1", "QMTA091I TESTSIT INVOKED.  STATUS=0",
                    "QMTA093I ACTION ENVIRONMENT INITIALIZE"}));
-}
-
-// What only the program can get wrong: its files, its module, its help.
-// The options themselves: hostinput_test.
-TEST_F(Host, FileModuleAndUsageErrors) {
-  Write("QMTASITR", "SITNAME=S DESTNODE=N;\n");
-  Write("nodes", "a:* sim rc=0\n\nb:* teleport\n");
-  const std::string other = std::filesystem::path(QMTA_MODULE_PATH).parent_path() / "libqmtahostsvc.so";
-  const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
-      {{"--bogus"}, 2, "qmtahost: unknown option \"--bogus\""},
-      {{"a", "b"}, 2, "qmtahost: more than one input file (\"b\")"},
-      {{"--nodes", "nodes"}, 2, "qmtahost: nodes: line 3: unknown driver \"teleport\""},
-      {{"--nodes", "absent"}, 2, "qmtahost: cannot read absent: No such file or directory"},
-      {{"absent"}, 2, "qmtahost: cannot open absent: No such file or directory"},
-      {{"--dir", "absent"}, 2, "qmtahost: --dir absent: not a directory"},
-      {{"--module", "absent.so"}, 1, "qmtahost: cannot load " + dir_.path() + "/absent.so: "},
-      {{"--module", "stdin"}, 1, "qmtahost: cannot load " + dir_.path() + "/stdin: "},
-      {{"--module", other}, 1, "qmtahost: " + other + " has no entry QMTAUTOX"}};
-  for (const auto& [args, status, message] : cases) {
-    Result result = Run(args, "DISPLAY\n");
-    EXPECT_EQ(result.status, status) << args[0];
-    EXPECT_EQ(result.out, Lines{}) << args[0];
-    EXPECT_TRUE(!result.err.empty() && result.err[0].starts_with(message)) << testing::PrintToString(result.err);
-  }
-  Result result = Run({"--help"});
-  EXPECT_EQ(result.status, 0);
-  for (const char* option : {"--dir", "--nodes", "--actions", "--module", "--server", "--trace", "--no-init",
-                             "--command-length", "--help"})
-    EXPECT_EQ(std::count_if(result.out.begin(), result.out.end(),
-                            [option](const std::string& line) {
-                              return line.starts_with(std::string("  ") + option) ||
-                                     line.starts_with(std::string("  -h, ") + option);
-                            }),
-              1)
-        << option;
 }
 
 TEST_F(Host, LocalActionsGetPlainArgumentsEveryEndingAndPercentSignsAsText) {
@@ -211,6 +136,68 @@ TEST_F(Host, LocalActionsGetPlainArgumentsEveryEndingAndPercentSignsAsText) {
                           "/actions are run"));
   EXPECT_TRUE(result.Said("[5] timed out after 1 s; ending the program"));
   for (const std::string& line : result.out) EXPECT_TRUE(line.starts_with("QMTA")) << line;
+}
+
+// Its input lines, parsed directly (their classification for every input:
+// the input fuzz target).
+TEST(HostInput, EventsWithEveryFieldAndDefaults) {
+  InputLine line = ParseInputLine(
+      R"({"sitname": "S", "originnode": "N", "currstate": -2147483648, "prevstate": 2147483647,)"
+      R"j( "timestamp": "1250101000000000", "attributes": [["a", "1"], ["b", "$(x)"], ["a", "\""]],)j"
+      R"( "threshold": "a>1", "pathhandle": false, "onds": 0})");
+  ASSERT_EQ(line.kind, Kind::kEvent) << line.text;
+  const qmta::hostprog::Event& e = line.event;
+  EXPECT_EQ(std::tie(e.sitname, e.originnode, e.currstate, e.prevstate, e.timestamp, e.threshold, e.pathHandle, e.onDS),
+            std::make_tuple("S", "N", INT32_MIN, INT32_MAX, "1250101000000000", "a>1", false, 0));
+  EXPECT_EQ(e.attributes, (std::vector<std::pair<std::string, std::string>>{{"a", "1"}, {"b", "$(x)"}, {"a", "\""}}));
+  line = ParseInputLine(R"({"sitname": "S", "originnode": "N", "currstate": 0, "threshold": null})");
+  ASSERT_EQ(line.kind, Kind::kEvent) << line.text;
+  EXPECT_EQ(std::make_tuple(line.event.prevstate, !line.event.timestamp, !line.event.threshold, line.event.pathHandle,
+                            line.event.onDS),
+            std::make_tuple(0, true, true, true, 1));
+}
+
+TEST(HostInput, MalformedLinesGiveAReason) {
+  const std::string base = R"("sitname": "S", "originnode": "N")";
+  const std::pair<std::string, std::string> cases[] = {
+      {"{\"sitname\": ", "bad JSON: "},
+      {"{} trailing", "bad JSON: "},
+      {std::string("REFRESH\0x", 9), "NUL character in the line"},
+      {"{" + base + "}", "missing \"currstate\""},
+      {R"({"originnode": "N", "currstate": 1})", "missing \"sitname\""},
+      {R"({"sitname": "S", "currstate": 1})", "missing \"originnode\""},
+      {"{" + base + R"(, "currstate": "1"})", "\"currstate\" must be an integer"},
+      {"{" + base + R"(, "currstate": 1.5})", "\"currstate\" must be an integer"},
+      {"{" + base + R"(, "currstate": 2147483648})", "\"currstate\" is out of 32-bit range"},
+      {"{" + base + R"(, "currstate": 1, "onds": -2147483649})", "\"onds\" is out of 32-bit range"},
+      {R"({"sitname": 5, "originnode": "N", "currstate": 1})", "\"sitname\" must be a string"},
+      {R"({"sitname": "a\u0000b", "originnode": "N", "currstate": 1})", "\"sitname\" holds a NUL character"},
+      {"{" + base + R"(, "currstate": 1, "attributes": [["a"]]})", "\"attributes\" must be a list of [name, value] strings"},
+      {"{" + base + R"(, "currstate": 1, "attributes": [["a", 1]]})", "\"attributes\" must be a string"},
+      {"{" + base + R"(, "currstate": 1, "threshold": 3})", "\"threshold\" must be a string"},
+      {"{" + base + R"(, "currstate": 1, "pathhandle": 1})", "\"pathhandle\" must be true or false"},
+      {"{" + base + R"(, "currstate": 1, "sitnmae": "x"})", "unknown field \"sitnmae\""},
+      {R"({"drain": false})", "\"drain\" must be true"},
+      {R"({"drain": 1})", "\"drain\" must be true"},
+      {R"({"drain": true, "sitname": "S"})", "\"drain\" takes no other field"},
+      // Found by fuzzing: a number beyond a double's range is refused by the
+      // JSON reader with an error of its own kind, which once escaped.
+      {"{" + base + R"(, "currstate": 1e400})", "bad JSON: number overflow parsing '1e400'"},
+      {R"({"x": -9990E9400})", "bad JSON: number overflow parsing '-9990E9400'"},
+  };
+  for (const auto& [text, reason] : cases) {
+    InputLine line = ParseInputLine(text);
+    EXPECT_EQ(line.kind, Kind::kError) << text;
+    EXPECT_TRUE(line.text.starts_with(reason)) << text << " -> " << line.text;
+  }
+}
+
+TEST(HostInput, TimestampForm) {
+  struct tm when = {};
+  when.tm_year = 126, when.tm_mon = 10, when.tm_mday = 16, when.tm_min = 5, when.tm_sec = 9;
+  EXPECT_EQ(qmta::hostprog::Timestamp(when), "1261116000509000");
+  when.tm_year = 99, when.tm_mon = 0, when.tm_mday = 1, when.tm_hour = 23;
+  EXPECT_EQ(qmta::hostprog::Timestamp(when), "0990101230509000");
 }
 
 }  // namespace

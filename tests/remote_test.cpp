@@ -1,6 +1,6 @@
-// Remote nodes end to end: a NATS server of the test's own on 127.0.0.1,
-// qmtaagent processes serving nodes, and qmtahost sending them actions
-// through the nats driver.
+// Remote nodes: their wire format, and end to end a NATS server of the
+// test's own on 127.0.0.1, qmtaagent processes serving nodes, and qmtahost
+// sending them actions through the nats driver.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -10,9 +10,11 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include <gtest/gtest.h>
 
+#include "host/drivers/nats/wire.h"
 #include "tests/support/support.h"
 
 namespace {
@@ -23,6 +25,7 @@ using Lines = std::vector<std::string>;
 using qmtatest::Child;
 using qmtatest::ReadFile;
 using qmtatest::WaitUntil;
+namespace wire = qmta::host::wire;
 
 std::string ProgramIn(const char* name) {
   for (const char* dir : {"/usr/sbin/", "/usr/bin/", "/usr/local/bin/"})
@@ -131,28 +134,76 @@ class Remote : public ::testing::Test {
   std::string url_;
 };
 
-TEST_F(Remote, ActionsRunOnTheAgentsOfTheirNodesOrFindNoneThere) {
-  ASSERT_TRUE(server_.Start(dir_.path()));
-  url_ = server_.Url();
+// Over TLS with passwords: a server that asks every client for a
+// certificate of its CA and a password; a host line that does not trust
+// the server gets nowhere. The server going away fails the open requests at
+// once, and both sides come back with it.
+TEST_F(Remote, ActionsRunOnTheAgentsOfTheirNodesOverTlsAndAfterTheServerCameBack) {
+  if (ProgramIn("openssl").empty()) GTEST_SKIP() << "openssl is not installed (tools/setup installs it)";
+  Write("tls.cnf", "[req]\ndistinguished_name = dn\nprompt = no\n[dn]\n[ca]\nbasicConstraints = critical,CA:TRUE\n"
+                   "keyUsage = critical,keyCertSign\n[server]\nbasicConstraints = CA:FALSE\nsubjectAltName = IP:127.0.0.1\n"
+                   "extendedKeyUsage = serverAuth\n[client]\nbasicConstraints = CA:FALSE\nextendedKeyUsage = clientAuth\n");
+  // NAME.pem and NAME.key: self-signed CAs, the others signed by "ca".
+  for (const std::string name : {"ca", "other", "server", "client"}) {
+    std::vector<std::string> words = {ProgramIn("openssl"), "req", "-x509", "-config", Path("tls.cnf"), "-newkey", "ec",
+                                      "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
+                                      "/CN=" + name, "-extensions", name == "other" ? "ca" : name, "-keyout",
+                                      Path(name + ".key"), "-out", Path(name + ".pem")};
+    if (name == "server" || name == "client") words.insert(words.end(), {"-CA", Path("ca.pem"), "-CAkey", Path("ca.key")});
+    Child openssl;
+    ASSERT_TRUE(openssl.Spawn(words, Path("openssl.out"), Path("openssl.err")));
+    ASSERT_EQ(openssl.Finish(10s), 0) << ReadFile(Path("openssl.err"));
+  }
+  const std::string config = "tls {\n  cert_file: \"" + Path("server.pem") + "\"\n  key_file: \"" + Path("server.key") +
+                             "\"\n  ca_file: \"" + Path("ca.pem") + "\"\n  verify: true\n}\nauthorization {\n  users = [\n"
+                             "    {user: host, password: hostpw}\n    {user: agent, password: agentpw}\n  ]\n}\n";
+  ASSERT_TRUE(server_.Start(dir_.path(), config));
+  url_ = server_.Url("tls");
   Write("QMTASITR", "SITNAME=One DESTNODE=web1:LZ CALLTYPE=4 SCRIPT=args ARG1=a ARG2=b ARG3=c;\n"
                     "SITNAME=Two DESTNODE=db.2>x SCRIPT=code ARG1=a;\nSITNAME=Fail DESTNODE=web1:LZ SCRIPT=/bin/sh ARG1=a;\n"
-                    "SITNAME=Gone DESTNODE=SYS1:MVS_ACTIONS SCRIPT=code;\nSITNAME=Lost DESTNODE=nowhere:N SCRIPT=code;\n");
+                    "SITNAME=Gone DESTNODE=SYS1:MVS_ACTIONS SCRIPT=code;\nSITNAME=Lost DESTNODE=nowhere:N SCRIPT=code;\n"
+                    "SITNAME=Distrust DESTNODE=x:N SCRIPT=code;\nSITNAME=Wait DESTNODE=web1:LZ SCRIPT=wait;\n");
   Action("args", "printf '%s\\0' \"$@\" > argv.$QMTA_REQUESTID\necho \"$QMTA_REQUESTID $QMTA_CALLTYPE $QMTA_NODE $PATH\"");
   Action("code", "echo \"node $QMTA_NODE\"; exit $1");
+  Action("wait", "echo waiting; sleep 2; exit 3");
+  Write("agent.pw", "agentpw\n", 0600);
+  Write("host.pw", "hostpw\n", 0600);
+  const std::vector<std::string> tls = {"--tls-ca", Path("ca.pem"), "--tls-cert", Path("client.pem"), "--tls-key",
+                                        Path("client.key"), "--user", "agent", "--password-file", Path("agent.pw")};
+  auto agentArgs = [&](std::vector<std::string> nodes) {
+    nodes.insert(nodes.begin(), tls.begin(), tls.end());
+    return nodes;
+  };
   Child one, two, host;
-  StartAgent(one, "one", {"--dir", dir_.path(), "web1:LZ"});
+  StartAgent(one, "one", agentArgs({"web1:LZ", "x:N"}));
   // The second agent serves a node whose name looks like the first one's
   // subject: each request goes to its own node only.
-  StartAgent(two, "two", {"--dir", dir_.path(), "db.2>x", "db_2E2_3Ex"});
-  StartHost(host, "* nats url=" + url_ + "\n");
+  StartAgent(two, "two", agentArgs({"db.2>x", "db_2E2_3Ex"}));
+  const std::string client = " tls-cert=" + Path("client.pem") + " tls-key=" + Path("client.key") +
+                             " user=host password-file=" + Path("host.pw") + " reconnect-wait=50\n";
+  StartHost(host, "x:* nats url=" + url_ + " tls-ca=" + Path("other.pem") + client + "* nats url=" + url_ +
+                      " tls-ca=" + Path("ca.pem") + client);
+  ASSERT_TRUE(WaitFor("host.err", "qmtahost: nats: the client library closed")) << ReadFile(Path("host.err"));
   host.Send(Event("One", R"j([["a", "$(touch x)"], ["b", "`touch y`; touch z"], ["c", "a\"b c"]])j") +
-            Event("Two", R"([["a", "7"]])") + Event("Fail", R"([["a", "touch x"]])") + Event("Gone") + Event("Lost"));
+            Event("Two", R"([["a", "7"]])") + Event("Fail", R"([["a", "touch x"]])") + Event("Gone") + Event("Lost") +
+            Event("Distrust") + Event("Wait"));
+  ASSERT_TRUE(WaitFor("one.err", "[7] waiting") &&
+              WaitUntil([&] { return Matching("QMTA050I").size() == 3 && Matching("QMTA030E").size() == 2; }, 5s));
+  auto stopped = Clock::now();
+  server_.Stop();
+  // Reported at once, not after the module's 60-second wait.
+  ASSERT_TRUE(WaitUntil([&] { return Matching("QMTA030E").size() == 3; }, 5s)) << ReadFile(Path("host.out"));
+  EXPECT_LT(Clock::now() - stopped, 5s);
+  ASSERT_TRUE(server_.Start(dir_.path()));
+  ASSERT_TRUE(WaitFor("one.err", "qmtaagent: connected again") && WaitFor("host.err", "qmtahost: nats: connected again"));
+  host.Send(Event("Two", R"([["a", "8"]])"));
   EXPECT_EQ(host.Finish(), 0);
-  EXPECT_EQ(Matching("QMTA050I"),
-            (Lines{Done("Fail", "web1:LZ", 127, 3), Done("One", "web1:LZ", 0, 1), Done("Two", "db.2>x", 7, 2)}));
+  EXPECT_EQ(Matching("QMTA050I"), (Lines{Done("Fail", "web1:LZ", 127, 3), Done("One", "web1:LZ", 0, 1),
+                                         Done("Two", "db.2>x", 7, 2), Done("Two", "db.2>x", 8, 8)}));
   EXPECT_EQ(Matching("QMTA051W"),
             Lines{"QMTA051W DESTNODE=SYS1:MVS_ACTIONS OFFLINE FOR SITNAME=Gone ORIGINNODE=o STATE=1 REQUESTID=4"});
-  EXPECT_EQ(Matching("QMTA030E"), Lines{kOffline});
+  EXPECT_EQ(Matching("QMTA030E"), Lines(3, kOffline));  // no agent, not trusted, server gone
+  EXPECT_TRUE(Contains("host.err", "cannot send to qmta.node.x_3AN"));
   // The arguments arrive as plain text; nothing of them was run.
   EXPECT_EQ(ReadFile(Path("argv.1")), std::string("$(touch x)") + '\0' + "`touch y`; touch z" + '\0' + "a'b c" + '\0');
   for (const char* file : {"x", "y", "z"}) EXPECT_FALSE(std::filesystem::exists(Path(file))) << file;
@@ -201,115 +252,64 @@ TEST_F(Remote, AgentsThatDieOrAnswerLateLeaveTheModuleToItsTimeOutAndSigtermStop
   EXPECT_LT(Clock::now() - begin, 15s);
 }
 
-TEST_F(Remote, TheServerGoingAwayFailsOpenRequestsAndBothSidesComeBack) {
-  ASSERT_TRUE(server_.Start(dir_.path()));
-  url_ = server_.Url();
-  Write("QMTASITR", "SITNAME=Run DESTNODE=a:N SCRIPT=run ARG1=a;\n");
-  Action("run", "echo started $1; [ \"$1\" = wait ] && sleep 2; exit 3");
-  Child agent, host;
-  StartAgent(agent, "agent", {"--dir", dir_.path(), "a:N"});
-  StartHost(host, "a:* nats url=" + url_ + " reconnect-wait=50\n");
-  host.Send(Event("Run", R"([["a", "now"]])"));
-  ASSERT_TRUE(WaitUntil([&] { return Matching("QMTA050I").size() == 1; }, 5s));
-  host.Send(Event("Run", R"([["a", "wait"]])"));
-  ASSERT_TRUE(WaitFor("agent.err", "[2] started wait"));
-  auto stopped = Clock::now();
-  server_.Stop();
-  // Reported at once, not after the module's 60-second wait.
-  ASSERT_TRUE(WaitUntil([&] { return Matching("QMTA030E").size() == 1; }, 5s));
-  EXPECT_LT(Clock::now() - stopped, 5s);
-  ASSERT_TRUE(server_.Start(dir_.path()));
-  ASSERT_TRUE(WaitFor("agent.err", "qmtaagent: connected again"));
-  ASSERT_TRUE(WaitFor("host.err", "qmtahost: nats: connected again"));
-  host.Send(Event("Run", R"([["a", "again"]])"));
-  EXPECT_EQ(host.Finish(), 0);
-  EXPECT_EQ(Matching("QMTA030E"), Lines{kOffline});
-  EXPECT_EQ(Matching("QMTA050I"), (Lines{Done("Run", "a:N", 3, 1), Done("Run", "a:N", 3, 3)}));
-  EXPECT_TRUE(Contains("agent.err", "qmtaagent: lost the connection to the server; reconnecting"));
+// The messages and subjects between the host and its agents.
+TEST(NatsWire, SubjectsAreDistinctValidAndReversible) {
+  const std::string names[] = {"web1:LZ", "web1_3ALZ", "web1.LZ", "web1*LZ", "web1>LZ",
+                               "web1 LZ", "web1\tLZ", "", "_", "a_", "-", std::string("\xff\x01", 2),
+                               "SYS1:MVS_ACTIONS"};
+  std::set<std::string> subjects;
+  for (const std::string& name : names) {
+    std::string subject = wire::NodeSubject(name);
+    EXPECT_TRUE(subjects.insert(subject).second) << subject;
+    // One token after the prefix, of characters every subject token may hold.
+    std::string token = subject.substr(wire::kSubjectPrefix.size());
+    EXPECT_FALSE(token.empty());
+    EXPECT_EQ(token.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-"),
+              std::string::npos) << subject;
+    std::string back;
+    EXPECT_TRUE(wire::SubjectNode(subject, &back)) << subject;
+    EXPECT_EQ(back, name);
+  }
+  EXPECT_EQ(wire::NodeSubject("web1:LZ"), "qmta.node.web1_3ALZ");
+  std::string node;
+  for (const char* bad : {"qmta.node.", "qmta.node.a_3", "qmta.node._61", "qmta.node.a_zz",
+                          "qmta.node.a.b", "other.web1"})
+    EXPECT_FALSE(wire::SubjectNode(bad, &node)) << bad;
 }
 
-// A server that asks every client for a certificate of its CA and for a
-// password, and keeps the agent's user to the subject of its own node.
-TEST_F(Remote, TlsAndCredentialsLetOnlyTrustedClientsThroughAndKeepAnAgentToItsNodes) {
-  if (ProgramIn("openssl").empty()) GTEST_SKIP() << "openssl is not installed (tools/setup installs it)";
-  Write("tls.cnf", "[req]\ndistinguished_name = dn\nprompt = no\n[dn]\n"
-                   "[ca]\nbasicConstraints = critical,CA:TRUE\nkeyUsage = critical,keyCertSign\n"
-                   "[server]\nbasicConstraints = CA:FALSE\nsubjectAltName = IP:127.0.0.1\nextendedKeyUsage = serverAuth\n"
-                   "[client]\nbasicConstraints = CA:FALSE\nextendedKeyUsage = clientAuth\n");
-  // NAME.pem and NAME.key with the extensions of `section`: self-signed
-  // when `signer` is empty, else signed by that certificate.
-  for (const auto& [name, signer, section] : std::vector<std::tuple<std::string, std::string, std::string>>{
-           {"ca", "", "ca"}, {"other", "", "ca"}, {"server", "ca", "server"}, {"client", "ca", "client"},
-           {"stranger", "other", "client"}}) {
-    std::vector<std::string> words = {ProgramIn("openssl"), "req", "-x509", "-config", Path("tls.cnf"), "-newkey", "ec",
-                                      "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
-                                      "/CN=" + name, "-extensions", section, "-keyout", Path(name + ".key"), "-out",
-                                      Path(name + ".pem")};
-    if (!signer.empty()) words.insert(words.end(), {"-CA", Path(signer + ".pem"), "-CAkey", Path(signer + ".key")});
-    Child openssl;
-    ASSERT_TRUE(openssl.Spawn(words, Path("openssl.out"), Path("openssl.err")));
-    ASSERT_EQ(openssl.Finish(10s), 0) << qmtatest::ReadFile(Path("openssl.err"));
-  }
-  ASSERT_TRUE(server_.Start(dir_.path(), "tls {\n  cert_file: \"" + Path("server.pem") + "\"\n  key_file: \"" +
-                                             Path("server.key") + "\"\n  ca_file: \"" + Path("ca.pem") +
-                                             "\"\n  verify: true\n}\nauthorization {\n  users = [\n"
-                                             "    {user: host, password: hostpw, permissions: {publish: \"qmta.node.>\", "
-                                             "subscribe: \"_INBOX.>\"}}\n    {user: agenta, password: agentpw, permissions: "
-                                             "{subscribe: \"qmta.node.a_3AN\", publish: {deny: \">\"}, allow_responses: true}}\n"
-                                             "  ]\n}\n"));
-  url_ = server_.Url("tls");
-  Write("QMTASITR", "SITNAME=Run DESTNODE=a:N SCRIPT=code;\nSITNAME=Other DESTNODE=b:N SCRIPT=code;\n"
-                    "SITNAME=Distrust DESTNODE=x:N SCRIPT=code;\n");
-  Action("code", "echo \"ran $QMTA_NODE\"; exit 6");
-  for (auto [name, password] : {std::pair{"agent", "agentpw"}, std::pair{"host", "hostpw"}, std::pair{"wrong", "nope"}})
-    Write(std::string(name) + ".pw", std::string(password) + "\n", 0600);
-  auto agent = [&](const std::string& cert, const std::string& password) {
-    return AgentWords({"--tls-ca", Path("ca.pem"), "--tls-cert", Path(cert + ".pem"), "--tls-key", Path(cert + ".key"),
-                       "--user", "agenta", "--password-file", Path(password + ".pw"), "a:N", "b:N"});
-  };
-  Child good, stranger, wrong, host;
-  ASSERT_TRUE(good.Spawn(agent("client", "agent"), Path("good.out"), Path("good.err")));
-  ASSERT_TRUE(WaitFor("good.err", "serving node \"a:N\"")) << qmtatest::ReadFile(Path("good.err"));
-  EXPECT_TRUE(WaitFor("good.err", "Permissions Violation for Subscription to \"qmta.node.b_3AN\"")) << qmtatest::ReadFile(Path("good.err"));
-  // A certificate of another CA: the client library gives up, the agent
-  // ends with 1. A wrong password never gets a connection.
-  ASSERT_TRUE(stranger.Spawn(agent("stranger", "agent"), Path("stranger.out"), Path("stranger.err")));
-  EXPECT_EQ(stranger.Finish(5s), 1);
-  ASSERT_TRUE(wrong.Spawn(agent("client", "wrong"), Path("wrong.out"), Path("wrong.err")));
-  EXPECT_TRUE(WaitFor("wrong.err", "still trying")) << qmtatest::ReadFile(Path("wrong.err"));
-  EXPECT_FALSE(Contains("wrong.err", "qmtaagent: connected") || Contains("stranger.err", "qmtaagent: connected"));
-  // Nor does a host line get through that does not trust the server's CA.
-  const std::string credentials = " user=host password-file=" + Path("host.pw") + " tls-cert=" + Path("client.pem") +
-                                  " tls-key=" + Path("client.key") + "\n";
-  StartHost(host, "x:* nats url=" + url_ + " tls-ca=" + Path("other.pem") + credentials + "* nats url=" + url_ +
-                      " tls-ca=" + Path("ca.pem") + credentials);
-  EXPECT_TRUE(WaitFor("host.err", "qmtahost: nats: the client library closed")) << qmtatest::ReadFile(Path("host.err"));
-  host.Send(Event("Run") + "{\"drain\": true}\n" + Event("Other") + Event("Distrust"));
-  EXPECT_EQ(host.Finish(), 0) << qmtatest::ReadFile(Path("host.err"));
-  EXPECT_EQ(Matching("QMTA050I"), Lines{Done("Run", "a:N", 6, 1)});
-  EXPECT_EQ(Matching("QMTA030E"), Lines(2, kOffline));
-  EXPECT_TRUE(Contains("host.err", "cannot send to qmta.node.x_3AN"));
-  EXPECT_EQ(CountIn("good.err", "] ran "), 1);
+TEST(NatsWire, RequestsCarryAnyBytesAndRejectAnythingElse) {
+  wire::Request request{4294967295u, -7, "n:1 \"x\"\n", std::string("job \"$(a)\"\n\xfe;`b`")};
+  std::string data = wire::EncodeRequest(request);
+  wire::Request back;
+  std::string error;
+  ASSERT_TRUE(wire::DecodeRequest(data, &back, &error)) << error;
+  EXPECT_EQ(std::tie(back.id, back.callType, back.node, back.command),
+            std::tie(request.id, request.callType, request.node, request.command));
+
+  const std::string bad[] = {
+      "", "QMTA1 REQ 1 0 1 1\nab\n",  // longer than its header says
+      "QMTA1 REQ 1 0 1 2\nab",        // shorter
+      "QMTA1 REQ 1 0 1 1 \nab", "QMTA1 REQ -1 0 1 1\nab", "QMTA1 REQ 1 0 +1 1\nab",
+      "QMTA1 REQ 4294967296 0 1 1\nab", "QMTA2 REQ 1 0 1 1\nab", "QMTA1 RC 1 0 1 1\nab",
+      "QMTA1 REQ 1 0 2000 0\n" + std::string(2000, 'n'), std::string("QMTA1 REQ 1 0 1 1\na\0", 20)};
+  for (const std::string& text : bad) EXPECT_FALSE(wire::DecodeRequest(text, &back, &error)) << text;
 }
 
-TEST(RemoteAgent, HelpAndUsageErrors) {
-  const std::tuple<std::vector<std::string>, int, std::string> cases[] = {
-      {{"--help"}, 0, "  --url URL"},
-      {{"--url", "nats://127.0.0.1:1", "a"}, 2, "qmtaagent: --actions is required"},
-      {{"--url", "nats://127.0.0.1:1", "--actions", "/"}, 2, "qmtaagent: name at least one node"},
-      {{"--actions", "/", "a"}, 2, "qmtaagent: no url"},
-      {{"--url", "nats://127.0.0.1:1", "--actions", "/", "--user", "u", "a"}, 2,
-       "qmtaagent: user and password-file go together"},
-      {{"--url", "nats://127.0.0.1:1", "--actions", "/", "--timeout", "0", "a"}, 2, "qmtaagent: local: bad timeout"},
-      {{"--bogus"}, 2, "qmtaagent: unknown option \"--bogus\""}};
-  qmtatest::ScratchDir dir;
-  for (auto [args, status, text] : cases) {
-    Child agent;
-    args.insert(args.begin(), QMTAAGENT_PATH);
-    ASSERT_TRUE(agent.Spawn(args, dir.path() + "/out", dir.path() + "/err"));
-    EXPECT_EQ(agent.Finish(10s), status) << args[1];
-    EXPECT_NE(ReadFile(dir.path() + (status ? "/err" : "/out")).find(text), std::string::npos) << text;
+TEST(NatsWire, RepliesCarryCodesOrAStatus) {
+  wire::Reply rows{9, false, 0, {0, -1, 2147483647}}, none{10, false, 0, {}}, failed{11, true, 2020, {}};
+  for (const wire::Reply& reply : {rows, none, failed}) {
+    wire::Reply back;
+    std::string error;
+    ASSERT_TRUE(wire::DecodeReply(wire::EncodeReply(reply), &back, &error)) << error;
+    EXPECT_EQ(std::tie(back.id, back.failed, back.status, back.codes),
+              std::tie(reply.id, reply.failed, reply.status, reply.codes));
   }
+  EXPECT_EQ(wire::EncodeReply(rows), "QMTA1 RC 9 0 -1 2147483647");
+  wire::Reply back;
+  std::string error;
+  for (const char* text : {"QMTA1 RC", "QMTA1 RC 1 2147483648", "QMTA1 RC 1  2", "QMTA1 RC 1 2 ",
+                           "QMTA1 STATUS 1", "QMTA1 STATUS 1 2 3", "QMTA1 OK 1", "qmta1 RC 1"})
+    EXPECT_FALSE(wire::DecodeReply(text, &back, &error)) << text;
 }
 
 }  // namespace

@@ -1,9 +1,7 @@
-// The host's services where the module alone cannot pin them down: trace
-// levels, run-once, the action counter, the loader; and the query service:
-// the destination directory, the first answer, closes against a running
+// The query service where the module alone cannot pin it down: the
+// destination directory, the first answer, closes against a running
 // completion routine and against racing completions, stale handles. The
-// rest of it runs under every module test.
-#include <dlfcn.h>
+// rest of it, and the host's other services, run under every module test.
 #include <string.h>
 
 #include <atomic>
@@ -18,62 +16,11 @@
 #include "host/drivers/sim.h"
 #include "host/services/control.h"
 #include "host/services/testhooks.h"
-#include "platform/ldr1.h"
-#include "platform/svc1.h"
-#include "platform/trc1.h"
-#include "platform/zbl.h"
 #include "tests/support/support.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-TEST(HostServices, TraceLevelsRunOnceTheActionCounterAndTheLoader) {
-  qmta::host::SetTraceLevel(TRC1_FLOW | TRC1_DETAIL);
-  qmta::host::SetUnitTraceLevel("qmtaloc0", TRC1_LOCK_DETAIL);
-  qmta::host::SetUnitTraceLevel("qmtauto1", 0);  // a unit's own level wins, also 0
-  qmta::host::SetTraceLevel(TRC1_FLOW);
-  EXPECT_EQ(std::make_tuple(TRC1_Sync(std::string("qmtaloc0").c_str()), TRC1_Sync("qmtauto1"), TRC1_Sync("other")),
-            std::make_tuple(TRC1_LOCK_DETAIL, 0, TRC1_FLOW));  // units by name, not address
-  // Run-once runs once and holds every caller until it is done.
-  static std::atomic<int> runs{0};
-  static std::atomic<bool> finished{false};
-  int32_t word = 0;
-  std::atomic<int> ranHere{0}, early{0};
-  qmtatest::OnThreads(8, [&](int) {
-    ranHere += SVC1_InitializeOnce(&word, [](void*) { runs++, std::this_thread::sleep_for(50ms), finished = true; },
-                                   nullptr, "test", __LINE__) == 0;
-    early += !finished.load();
-  });
-  EXPECT_EQ(1, SVC1_InitializeOnce(&word, [](void*) { runs++; }, nullptr, "test", __LINE__));
-  EXPECT_EQ(std::make_tuple(ranHere.load(), early.load(), runs.load(), word < 0), std::make_tuple(1, 0, 1, true));
-  // The action counter: live threads, and a wait for none.
-  const int64_t started = qmta::host::StartedActions();
-  zblercm(), zblercm(), zblerdm();
-  EXPECT_EQ(std::make_pair(qmta::host::LiveActions(), qmta::host::StartedActions()), std::make_pair(1L, started + 2));
-  EXPECT_FALSE(qmta::host::WaitForActions(20ms));
-  std::thread last([] { std::this_thread::sleep_for(50ms), zblerdm(); });
-  EXPECT_TRUE(qmta::host::WaitForActions(3s));
-  last.join();
-  // The loader's statuses; the host's own library stands in for a module.
-  Dl_info self{};
-  ASSERT_NE(0, dladdr(reinterpret_cast<void*>(&DBQ1_Fetch), &self));
-  qmtatest::ScratchDir scratch;
-  scratch.Write("notalibrary.so", "plain text\n");
-  qmta::host::RegisterLoadModule("HOSTSVC", self.dli_fname);
-  qmta::host::RegisterLoadModule("BROKEN", scratch.path() + "/notalibrary.so");
-  const std::tuple<const char*, const char*, int32_t> cases[] = {{"NOSUCH", "DBQ1_Fetch", LDR1_UNKNOWN_MODULE},
-                                                                 {"BROKEN", "DBQ1_Fetch", LDR1_LOAD_FAILED},
-                                                                 {"HOSTSVC", "NO_SUCH_ENTRY", LDR1_NO_ENTRY},
-                                                                 {"HOSTSVC", "DBQ1_Fetch", LDR1_OK}};
-  for (const auto& [module, name, status] : cases) {
-    void* entry = &scratch;
-    int32_t reason = -1;
-    EXPECT_EQ(status, LDR1_FindEntry(module, name, &entry, &reason)) << module;
-    EXPECT_EQ(status ? static_cast<void*>(&scratch) : reinterpret_cast<void*>(&DBQ1_Fetch), entry);
-    EXPECT_EQ(status ? status : -1, reason);
-  }
-}
 
 const char* kRmSql = "SELECT RESULTS FROM QMT.RMEVENTS WHERE REQUESTID=? OR  (COMMAND=? AND CALLTYPE=? AND ORIGINNODE=?)";
 
@@ -240,30 +187,16 @@ TEST_F(QueryService, ACloseWaitsForARunningRoutineButNotFromInsideItAndStopsTheO
   EXPECT_EQ(0, late->calls.load());
 }
 
-TEST_F(QueryService, StaleForeignAndWrongHandlesFailEveryOperation) {
-  static DBQ1_AsyncNotify block{DBQ1_NOTIFY_ROUTINE, [](int32_t s, void*) { return s; }, nullptr};
-  static DBQ1_Sqlda area{};
-  DBQ1_Handle out{}, path{}, plan{};
+TEST_F(QueryService, StaleForeignAndWrongHandlesFail) {
+  DBQ1_Handle plan{}, out{};
   DBQ1_Sqlda* sqlda = nullptr;
-  ASSERT_EQ(DBQ1_OK, DBQ1_CreatePath(qmta::host::ServerName().c_str(), DBQ1_LocalInterface(), &path));
-  EXPECT_EQ(DBQ1_UNKNOWN_SERVER, DBQ1_CreatePath("NOTOURS", DBQ1_LocalInterface(), &out));
-  ASSERT_EQ(DBQ1_OK, DBQ1_CreateAccessPlan(path_, kRmSql, &plan));
   auto r = NewRequest();
-  ASSERT_EQ(DBQ1_OK, Open(*r, "REC3"));
   int local = 0;
-  // Each handle in every handle position of every operation: a stale handle
-  // fails before its kind is even looked at.
-  for (DBQ1_Handle h : {path, plan, r->request, r->cursor, DBQ1_Handle{0, nullptr}, DBQ1_Handle{1, &local}}) {
+  for (DBQ1_Handle h : {r->request, r->cursor, DBQ1_Handle{0, nullptr}, DBQ1_Handle{1, &local}}) {
     qmta::host::MakeStale(h);
-    EXPECT_EQ(std::vector<int32_t>(9, DBQ1_STALE_HANDLE),
-              (std::vector<int32_t>{DBQ1_CreateAccessPlan(h, kRmSql, &out), DBQ1_CreateRequest(h, plan_, &block, &out, &out),
-                                    DBQ1_CreateRequest(path_, h, &block, &out, &out), DBQ1_GetInputSQLDA(h, &sqlda),
-                                    DBQ1_OpenRequest(h, &area), DBQ1_CloseRequest(h), DBQ1_GetOutputSQLDA(h, &sqlda),
-                                    DBQ1_Fetch(h, &area), DBQ1_DropHandle(h)}));
+    EXPECT_EQ(std::make_tuple(DBQ1_STALE_HANDLE, DBQ1_STALE_HANDLE, DBQ1_STALE_HANDLE),
+              std::make_tuple(DBQ1_CloseRequest(h), DBQ1_GetOutputSQLDA(h, &sqlda), DBQ1_DropHandle(h)));
   }
-  recorded.clear();
-  qmta::host::ResetQueryService();  // releases what was made stale
-  EXPECT_EQ(baseline_, qmta::host::LiveObjects());
   r = NewRequest();  // handles of the wrong kind
   EXPECT_EQ(std::vector<int32_t>(4, DBQ1_BAD_ARGUMENT),
             (std::vector<int32_t>{DBQ1_OpenRequest(plan_, r->input), DBQ1_GetOutputSQLDA(r->request, &sqlda),
@@ -279,43 +212,6 @@ TEST_F(QueryService, StaleForeignAndWrongHandlesFailEveryOperation) {
     ASSERT_EQ(DBQ1_OK, DBQ1_DropHandle(plan));
   }
   for (DBQ1_Handle old : early) EXPECT_EQ(DBQ1_STALE_HANDLE, DBQ1_DropHandle(old));
-}
-
-TEST_F(QueryService, ClosesRacingCompletionsNeverSeeALateRoutine) {
-  ASSERT_EQ("", Route("FAST sim rc=1\nREC record\n"));
-  // One request per round, each with its own flag, kept until the end so
-  // that a late routine would find its flag set.
-  std::vector<std::unique_ptr<Request>> requests(800);
-  std::vector<std::atomic<bool>> closed(requests.size());
-  std::atomic<int> late{0};
-  for (size_t i = 0; i < requests.size(); ++i) {
-    requests[i] = NewRequest();
-    requests[i]->hook = [&late, &flag = closed[i]] { late += flag.load(); };
-  }
-  qmtatest::OnThreads(4, [&](int t) {
-    for (int i = t * 200; i < (t + 1) * 200; ++i) {
-      Request& r = *requests[i];
-      if (i % 2) {  // the close meets the sim timer's completion
-        ASSERT_EQ(DBQ1_OK, Open(r, "FAST"));
-        for (int spin = (i * 7) % 50; spin > 0; --spin) std::this_thread::yield();
-      } else {  // the close comes just after the outcome was queued
-        ASSERT_EQ(DBQ1_OK, Open(r, "REC", i));
-        std::lock_guard<std::mutex> hold(recordedMutex);
-        for (size_t at = recorded.size(); at-- > 0;) {
-          if (recorded[at].first != static_cast<uint32_t>(i)) continue;
-          recorded[at].second->Rows({1});
-          break;
-        }
-      }
-      ASSERT_EQ(DBQ1_OK, i % 4 < 2 ? DBQ1_CloseRequest(r.request) : DBQ1_DropHandle(r.request));
-      closed[i] = true;
-    }
-  });
-  std::this_thread::sleep_for(20ms);
-  EXPECT_EQ(0, late.load());
-  requests.clear();
-  recorded.clear();
-  EXPECT_EQ(baseline_, qmta::host::LiveObjects());
 }
 
 }  // namespace
