@@ -10,13 +10,12 @@
 // once by its QMTA041I; every action that started reports exactly the one
 // outcome its destination gives (by request id where the message has one,
 // by count where not); no other message appears. A sampler checks each
-// request stack's counters under its lock every 100 ms, and the resident
-// set every second. After the load: no action is live, the stacks hold what
-// DISPLAY shows, the query service holds no request beyond those resting on
-// the stacks, and the resident set grew by no more than the margin.
+// request stack's counters under its lock every 100 ms. After the load: no
+// action is live, the stacks hold what DISPLAY shows, and the query service
+// holds no request beyond those resting on the stacks.
 //
 //   qmtasoak [--threads N] [--seconds S] [--reload-ms M] [--pause-us U]
-//            [--silent-every K] [--wait-ms W] [--rss-growth-mb G]
+//            [--silent-every K] [--wait-ms W]
 //
 // Exits 0 when every check held; prints its figures either way.
 #include <stdio.h>
@@ -38,16 +37,6 @@
 #include "qmtauto1/qmtafault.h"
 #include "qmtauto1/qmtauto1.h"
 #include "tests/support/support.h"
-
-// A sanitizer's allocator keeps freed memory in quarantine, so the resident
-// set says nothing about leaks there: it is then shown but not judged.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kJudgeMemory = false;
-#elif defined(__has_feature)
-constexpr bool kJudgeMemory = !(__has_feature(address_sanitizer) || __has_feature(thread_sanitizer));
-#else
-constexpr bool kJudgeMemory = true;
-#endif
 
 namespace {
 
@@ -162,27 +151,19 @@ std::tuple<int, int, int> ReadStack(RSTK& stack) {
   return view;
 }
 
-int64_t ResidentKb() {
-  long size = 0, resident = 0;
-  FILE* statm = fopen("/proc/self/statm", "r");
-  if (statm && fscanf(statm, "%ld %ld", &size, &resident) != 2) resident = 0;
-  if (statm) fclose(statm);
-  return resident * (sysconf(_SC_PAGESIZE) / 1024);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
   // Each option's value and its least value.
   std::map<std::string, std::pair<int, int>> options = {
       {"--threads", {4, 1}},      {"--seconds", {10, 1}}, {"--reload-ms", {50, 1}},      {"--pause-us", {2000, 0}},
-      {"--silent-every", {400, 0}}, {"--wait-ms", {1000, 200}}, {"--rss-growth-mb", {16, 0}}};
+      {"--silent-every", {400, 0}}, {"--wait-ms", {1000, 200}}};
   for (int i = 1; i < argc; i += 2) {
     char* end = nullptr;
     long value = i + 1 < argc ? strtol(argv[i + 1], &end, 10) : -1;
     if (!options.count(argv[i]) || !end || *end || value < options[argv[i]].second || value > 1000000000)
       return fputs("usage: qmtasoak [--threads N] [--seconds S] [--reload-ms M] [--pause-us U]\n"
-                   "                [--silent-every K] [--wait-ms W] [--rss-growth-mb G]\n", stderr), 2;
+                   "                [--silent-every K] [--wait-ms W]\n", stderr), 2;
     options[argv[i]].first = static_cast<int>(value);
   }
   auto option = [&](const char* name) { return options[name].first; };
@@ -275,11 +256,9 @@ int main(int argc, char** argv) {
       module.Command("DISPLAY");
     }
   });
-  // Stacks every 100 ms, memory every second: the peak after warm-up (the
-  // first fifth, at least 2 s) in each half of the rest.
-  const double warmup = std::max(2.0, seconds * 0.2);
-  int64_t halves[2] = {}, stackChecks = 0;
-  for (auto lastRss = begin; Clock::now() < begin + std::chrono::seconds(seconds);) {
+  // The stacks' counters under their locks every 100 ms, until the end.
+  int64_t stackChecks = 0;
+  while (Clock::now() < begin + std::chrono::seconds(seconds)) {
     std::this_thread::sleep_for(100ms);
     for (RSTK& stack : table->stacks) {
       auto [free, total, listed] = ReadStack(stack);
@@ -287,9 +266,6 @@ int main(int argc, char** argv) {
       std::lock_guard<std::mutex> hold(ledger.mutex);
       if (free < 0 || free > total || listed != free) ledger.Anomaly("stack counters", std::to_string(free) + "/" + std::to_string(total));
     }
-    const double at = std::chrono::duration<double>(Clock::now() - begin).count();
-    if (Clock::now() - lastRss >= 1s && at > warmup)
-      lastRss = Clock::now(), halves[at > (warmup + seconds) / 2] = std::max(halves[at > (warmup + seconds) / 2], ResidentKb());
   }
   stop = true;
   for (auto& thread : load) thread.join();
@@ -300,7 +276,6 @@ int main(int argc, char** argv) {
   const int64_t objects = qmta::host::LiveObjects() - resting();
   endOutput();
 
-  const int64_t growth = halves[1] - (halves[0] ? halves[0] : halves[1]);
   std::lock_guard<std::mutex> hold(ledger.mutex);
   std::vector<std::pair<bool, std::string>> checks = {
       {quiet && qmta::host::LiveActions() == 0, "actions still live after the run"},
@@ -312,8 +287,7 @@ int main(int argc, char** argv) {
       {ledger.ids.size() == static_cast<size_t>(ledger.starts) && (ledger.ids.empty() || *ledger.ids.rbegin() == ledger.ids.size()),
        "request ids not handed out 1.." + std::to_string(ledger.starts) + " once each"},
       {objects == baseObjects, std::to_string(objects) + " query-service objects beyond the resting requests, at start " + std::to_string(baseObjects)},
-      {ledger.anomalies.empty(), std::to_string(ledger.anomalies.size()) + " anomalies in the output"},
-      {!kJudgeMemory || growth <= option("--rss-growth-mb") * 1024, "resident set grew by " + std::to_string(growth) + " KB after warm-up"}};
+      {ledger.anomalies.empty(), std::to_string(ledger.anomalies.size()) + " anomalies in the output"}};
   for (const auto& [dest, count] : ledger.started)
     checks.emplace_back(ledger.finished[dest] == count, dest + ": " + std::to_string(count) + " started, " + std::to_string(ledger.finished[dest]) + " outcomes");
   for (int s = 0; s < 3; ++s) {
@@ -325,14 +299,12 @@ int main(int argc, char** argv) {
   for (const auto& [dest, count] : ledger.started) destinations += " " + dest + "=" + std::to_string(count);
   printf("qmtasoak: %d event threads, %d s, reload every %d ms, pause %d us, wait %d ms\n"
          "  %lld events, %lld actions started, %lld outcomes, most running at once %zu, %lld time-outs\n"
-         "  by destination%s\n  %lld reloads, %lld locked stack checks, %lld lines; at the end VX=%d/%d RM=%d/%d SNMP=%d/%d\n"
-         "  resident set after warm-up (%.0f s): peaks of the halves %lld and %lld KB, growth %lld KB%s\n",
+         "  by destination%s\n  %lld reloads, %lld locked stack checks, %lld lines; at the end VX=%d/%d RM=%d/%d SNMP=%d/%d\n",
          threads, seconds, option("--reload-ms"), option("--pause-us"), waitMs, static_cast<long long>(events),
          static_cast<long long>(ledger.starts), static_cast<long long>(ledger.outcomes), ledger.openPeak,
          static_cast<long long>(ledger.timeouts), destinations.c_str(), static_cast<long long>(refreshes),
          static_cast<long long>(stackChecks), static_cast<long long>(ledger.lines), ledger.shown[0], ledger.shown[1],
-         ledger.shown[2], ledger.shown[3], ledger.shown[4], ledger.shown[5], warmup, static_cast<long long>(halves[0]),
-         static_cast<long long>(halves[1]), static_cast<long long>(growth), kJudgeMemory ? "" : " (not judged under a sanitizer)");
+         ledger.shown[2], ledger.shown[3], ledger.shown[4], ledger.shown[5]);
   for (size_t i = 0; i < ledger.anomalies.size() && i < 20; ++i) printf("  anomaly: %s\n", ledger.anomalies[i].c_str());
   bool held = true;
   for (const auto& [ok, what] : checks)
