@@ -1,9 +1,12 @@
 #include "tests/support/support.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -37,6 +40,18 @@ bool WaitUntil(const std::function<bool()>& ready, std::chrono::milliseconds lim
   return true;
 }
 
+int FreePort() {
+  int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof address;
+  bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
+  close(probe);
+  return ntohs(address.sin_port);
+}
+
 bool Child::Spawn(std::vector<std::string> words, const std::string& out, const std::string& err,
                   const std::string& in, bool pipeInput) {
   std::vector<char*> argv;
@@ -49,9 +64,12 @@ bool Child::Spawn(std::vector<std::string> words, const std::string& out, const 
     posix_spawn_file_actions_adddup2(&files, input[0], 0);
   else
     posix_spawn_file_actions_addopen(&files, 0, in.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  if (out == "-")
+    posix_spawn_file_actions_addclose(&files, 1);
+  else
+    posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  int failed = posix_spawn(&pid_, argv[0], &files, nullptr, argv.data(), environ);
+  int failed = posix_spawnp(&pid_, argv[0], &files, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&files);
   if (input[0] >= 0) close(input[0]);
   input_ = input[1];
@@ -61,6 +79,13 @@ bool Child::Spawn(std::vector<std::string> words, const std::string& out, const 
 
 void Child::Send(const std::string& text) {
   ASSERT_EQ(write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
+
+int Child::Wait(std::chrono::milliseconds limit) {
+  int status = 0;
+  if (pid_ < 0 || !WaitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, limit)) return -1;
+  pid_ = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 int Child::Finish(std::chrono::milliseconds limit) {

@@ -26,14 +26,22 @@ std::string ReadFile(const std::string& path);
 // Polls `ready` every 10 ms until it holds or `limit` passes.
 bool WaitUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit);
 
-// A program run with standard output and error in files, and standard
-// input from a file or from a pipe that Send writes.
+// A free TCP port on 127.0.0.1 (free when asked; another program may take
+// it before the caller binds it).
+int FreePort();
+
+// A program (a path, or a name looked up on PATH) run with standard output
+// and error in files ("-": closed; "/dev/fd/N": the test's descriptor N),
+// and standard input from a file or from a pipe that Send writes.
 class Child {
  public:
   ~Child() { Kill(SIGKILL); }
   bool Spawn(std::vector<std::string> words, const std::string& out, const std::string& err,
              const std::string& in = "/dev/null", bool pipeInput = false);
   void Send(const std::string& text);
+  // Waits up to `limit` for the exit: the exit status, or -1 when a signal
+  // ended the program or it still runs (it is left running).
+  int Wait(std::chrono::milliseconds limit);
   // Closes the input and waits (bounded) for the exit: the exit status, or
   // -1 when the program had to be killed or did not exit.
   int Finish(std::chrono::milliseconds limit = std::chrono::seconds(60));
