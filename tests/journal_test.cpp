@@ -85,7 +85,7 @@ TEST_F(JournalInProcess, RecordsWhatTheServiceAndTheModuleSee) {
     event.originnode = "web1";
     event.currstate = 1;
     uint64_t id = journal->EventBegin(event);
-    journal->EventEnd(id, Fire(sitname, "web1", 1));
+    journal->EventEnd(id, event, Fire(sitname, "web1", 1));
     Drain(expected);
   };
   fire("Disk_Low", 2);  // requests 1 (n1: RCs 0 and 4) and 2 (n2: RC 0)

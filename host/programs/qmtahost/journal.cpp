@@ -21,9 +21,9 @@ using namespace std::chrono_literals;
 
 // One fact for the writer. Which fields count depends on the kind.
 struct Journal::Record {
-  enum class Kind { kEventBegin, kEventEnd, kStartFailures, kAnnounced, kOpened, kCompleted,
+  enum class Kind { kEvent, kStartFailures, kAnnounced, kOpened, kCompleted,
                     kFetchFailed, kNoResponse };
-  Kind kind = Kind::kEventBegin;
+  Kind kind = Kind::kEvent;
   uint64_t eventId = 0;
   uint32_t requestId = 0;
   double time = 0;  // Unix seconds
@@ -32,6 +32,7 @@ struct Journal::Record {
   int exitStatus = -1, signal = 0;
   bool cut = false;
   std::vector<int32_t> rows;
+  std::vector<std::pair<std::string, std::string>> attributes;  // made JSON by the writer
 };
 
 namespace {
@@ -99,11 +100,9 @@ PRAGMA user_version = 1;
 // One statement per kind of record, in the order of Record::Kind; every
 // value is bound, ?1 being the run.
 const char* const kStatements[] = {
-    // kEventBegin
+    // kEvent
     "INSERT OR REPLACE INTO events(run, id, time, source, sitname, originnode, prevstate, "
-    "state, attributes) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)",
-    // kEventEnd
-    "UPDATE events SET result = ?3 WHERE run = ?1 AND id = ?2",
+    "state, attributes, result) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)",
     // kStartFailures
     "UPDATE events SET actions_not_started = actions_not_started + ?3 WHERE run = ?1 AND id = ?2",
     // kAnnounced: the action's event, sitname and state (QMTA040I)
@@ -167,7 +166,7 @@ void Bind(sqlite3_stmt* s, const std::string& run, const Journal::Record& r) {
   using Kind = Journal::Record::Kind;
   BindText(s, 1, run);
   switch (r.kind) {
-    case Kind::kEventBegin:
+    case Kind::kEvent: {
       sqlite3_bind_int64(s, 2, static_cast<int64_t>(r.eventId));
       sqlite3_bind_double(s, 3, r.time);
       BindText(s, 4, r.driver);  // the source
@@ -175,12 +174,15 @@ void Bind(sqlite3_stmt* s, const std::string& run, const Journal::Record& r) {
       BindText(s, 6, r.node);
       sqlite3_bind_int(s, 7, r.prevstate);
       sqlite3_bind_int(s, 8, r.state);
-      BindText(s, 9, r.text);
+      nlohmann::json attributes = nlohmann::json::array();  // in order, as the event had them
+      for (const auto& [name, value] : r.attributes) attributes.push_back({name, value});
+      BindText(s, 9, attributes.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+      sqlite3_bind_int(s, 10, r.status);
       break;
-    case Kind::kEventEnd:
+    }
     case Kind::kStartFailures:
       sqlite3_bind_int64(s, 2, static_cast<int64_t>(r.eventId));
-      sqlite3_bind_int(s, 3, r.kind == Kind::kEventEnd ? r.status : r.count);
+      sqlite3_bind_int(s, 3, r.count);
       break;
     case Kind::kAnnounced:
       sqlite3_bind_int64(s, 2, r.requestId);
@@ -322,32 +324,24 @@ void Journal::SayOnce(std::atomic<bool>& said, const std::string& text) {
 }
 
 uint64_t Journal::EventBegin(const Event& event) {
+  const uint64_t id = nextEvent_.fetch_add(1, std::memory_order_relaxed) + 1;
+  std::lock_guard<std::mutex> hold(recentMutex_);
+  recent_.push_back({id, event.sitname, event.currstate});
+  if (recent_.size() > kRecentEvents) recent_.pop_front();
+  return id;
+}
+
+void Journal::EventEnd(uint64_t id, const Event& event, int32_t result) {
   Record record;
-  record.kind = Record::Kind::kEventBegin;
-  record.eventId = nextEvent_.fetch_add(1, std::memory_order_relaxed) + 1;
+  record.kind = Record::Kind::kEvent;
+  record.eventId = id;
   record.time = Now();
   record.driver = event.source;
   record.sitname = event.sitname;
   record.node = event.originnode;
   record.prevstate = event.prevstate;
   record.state = event.currstate;
-  nlohmann::json attributes = nlohmann::json::array();  // in order, as the event had them
-  for (const auto& [name, value] : event.attributes) attributes.push_back({name, value});
-  record.text = attributes.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-  {
-    std::lock_guard<std::mutex> hold(recentMutex_);
-    recent_.push_back({record.eventId, event.sitname, event.currstate});
-    if (recent_.size() > kRecentEvents) recent_.pop_front();
-  }
-  uint64_t id = record.eventId;
-  Push(std::move(record));
-  return id;
-}
-
-void Journal::EventEnd(uint64_t id, int32_t result) {
-  Record record;
-  record.kind = Record::Kind::kEventEnd;
-  record.eventId = id;
+  record.attributes = event.attributes;
   record.status = result;
   Push(std::move(record));
   // What the event exit printed comes before the tag in the stream.

@@ -78,8 +78,9 @@ class Journal final : public host::ActionObserver {
 
   // Dispatcher thread: `event` is about to go to the event exit; its id.
   uint64_t EventBegin(const Event& event);
-  // Dispatcher thread: the event exit returned `result`.
-  void EventEnd(uint64_t id, int32_t result);
+  // Dispatcher thread: the event exit returned `result` for `event`; the
+  // event's row is queued now, with its result.
+  void EventEnd(uint64_t id, const Event& event, int32_t result);
 
   void Opened(const host::ActionOpened& opened) override;
   void Completed(const host::ActionCompleted& completed) override;

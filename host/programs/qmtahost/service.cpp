@@ -194,7 +194,7 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
   calls.event = [&](const Event& event) {
     if (!journal) return (void)SendEvent(entries, event);
     uint64_t id = journal->EventBegin(event);
-    journal->EventEnd(id, SendEvent(entries, event));
+    journal->EventEnd(id, event, SendEvent(entries, event));
   };
   calls.command = [&](const std::string& text) { SendCommand(entries, text); };
   calls.drain = [] { Drain(); };
