@@ -4,9 +4,7 @@
 // without a token. Everything listens on and talks to loopback only.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -19,49 +17,20 @@
 
 #include "tests/support/support.h"
 
-extern char** environ;
-
 namespace {
 
 using namespace std::chrono_literals;
 
-std::string Read(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using qmtatest::Child;
+std::string Read(const std::string& path) { return qmtatest::ReadFile(path); }
 
-// Starts `words` (found on PATH) with standard output and error to files.
-pid_t Spawn(const std::vector<std::string>& words, const std::string& out, const std::string& err) {
-  std::vector<char*> argv;
-  for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  pid_t pid = -1;
-  EXPECT_EQ(0, posix_spawnp(&pid, argv[0], &files, nullptr, argv.data(), environ));
-  posix_spawn_file_actions_destroy(&files);
-  return pid;
-}
-
-// The exit status, or -1 when it did not end within `limit` (then it is
-// killed) or a signal ended it.
-int Finish(pid_t pid, std::chrono::milliseconds limit) {
-  auto end = std::chrono::steady_clock::now() + limit;
-  int status = 0;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > end) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    std::this_thread::sleep_for(5ms);
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+// Runs `words` (a program on PATH or a path) to its end: its exit status, or
+// -1 when a signal ended it or it was killed after `limit`.
+int RunToEnd(const std::vector<std::string>& words, const std::string& out, const std::string& err,
+        std::chrono::milliseconds limit) {
+  Child child;
+  EXPECT_TRUE(child.Spawn(words, out, err)) << words[0];
+  return child.Finish(limit);
 }
 
 struct Reply {
@@ -72,9 +41,9 @@ struct Reply {
 class Http : public ::testing::Test {
  protected:
   void TearDown() override {
-    if (host_ > 0) {
-      kill(host_, SIGTERM);
-      EXPECT_EQ(Finish(host_, 30s), 0) << Read("err");
+    if (host_.pid() > 0) {
+      host_.Kill(SIGTERM);
+      EXPECT_EQ(host_.Finish(30s), 0) << Read("err");
     }
   }
   // Starts `qmtahost serve` on a free loopback port and reads the port
@@ -83,7 +52,7 @@ class Http : public ::testing::Test {
     std::vector<std::string> words = {QMTAHOST_PATH, "serve", "--control", dir_.path() + "/control",
                                       "--nodes", "nodes", "--listen", "127.0.0.1:0"};
     words.insert(words.end(), extra.begin(), extra.end());
-    host_ = Spawn(words, "out", "err");
+    ASSERT_TRUE(host_.Spawn(words, "out", "err"));
     std::smatch found;
     for (int i = 0; i < 1000; ++i) {
       std::string said = Read("err");
@@ -105,7 +74,7 @@ class Http : public ::testing::Test {
     }
     words.insert(words.end(), extra.begin(), extra.end());
     words.push_back(base_ + path);
-    EXPECT_EQ(Finish(Spawn(words, "code", "curl.err"), 40s), 0) << Read("curl.err");
+    EXPECT_EQ(RunToEnd(words, "code", "curl.err", 40s), 0) << Read("curl.err");
     return {atoi(Read("code").c_str()), Read("body")};
   }
   // The value of one sample of the metrics, -1 when it is missing.
@@ -117,7 +86,7 @@ class Http : public ::testing::Test {
   }
 
   qmtatest::ScratchDir dir_;
-  pid_t host_ = -1;
+  Child host_;
   std::string base_;
 };
 
@@ -239,19 +208,17 @@ TEST_F(Http, TokenTlsAndPublicAddresses) {
   if (access("/usr/bin/openssl", X_OK) != 0) GTEST_SKIP() << "openssl is missing (tools/setup)";
   dir_.Write("QMTASITR", "SITNAME=S DESTNODE=sim:N;\n");
   dir_.Write("nodes", "* sim rc=0\n");
-  pid_t refused = Spawn({QMTAHOST_PATH, "serve", "--control", "control", "--listen", "0.0.0.0:0"},
-                        "public.out", "public.err");
-  EXPECT_EQ(Finish(refused, 30s), 2);
+  EXPECT_EQ(RunToEnd({QMTAHOST_PATH, "serve", "--control", "control", "--listen", "0.0.0.0:0"},
+                "public.out", "public.err", 30s),
+            2);
   EXPECT_NE(Read("public.err").find("is not a loopback address"), std::string::npos);
 
   dir_.Write("token", "s3cret-token\n");
   chmod("token", 0644);
-  ASSERT_EQ(Finish(Spawn({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                          "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
-                          "/CN=qmta", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
-                          "key.pem", "-out", "cert.pem"},
-                         "openssl.out", "openssl.err"),
-                   30s),
+  ASSERT_EQ(RunToEnd({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                 "-nodes", "-days", "2", "-subj", "/CN=qmta", "-addext", "subjectAltName=IP:127.0.0.1",
+                 "-keyout", "key.pem", "-out", "cert.pem"},
+                "openssl.out", "openssl.err", 30s),
             0)
       << Read("openssl.err");
   Start({"--token-file", "token", "--tls-cert", "cert.pem", "--tls-key", "key.pem"});
@@ -276,7 +243,7 @@ TEST_F(Http, TokenTlsAndPublicAddresses) {
   // Plain HTTP gets no answer from the TLS port.
   base_.replace(0, 5, "http");
   std::vector<std::string> words = {"curl", "-s", "--max-time", "10", base_ + "/healthz"};
-  EXPECT_NE(Finish(Spawn(words, "plain.out", "plain.err"), 20s), 0);
+  EXPECT_NE(RunToEnd(words, "plain.out", "plain.err", 20s), 0);
 }
 
 }  // namespace

@@ -1,18 +1,12 @@
 // The action journal: what it records of events and actions (in the
 // host's process, with failures injected), what `qmtahost history` and
 // GET /v1/actions show of it, and a journal that survives SIGKILL.
-#include <fcntl.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <fstream>
 #include <regex>
-#include <sstream>
-#include <thread>
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -27,15 +21,8 @@ using namespace std::chrono_literals;
 using Json = nlohmann::json;
 using qmta::hostprog::HistoryFilter;
 using qmta::hostprog::Journal;
-using qmtatest::Finish;
-using qmtatest::Spawn;
-
-std::string Read(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using qmtatest::Child;
+using qmtatest::ReadFile;
 
 // One value of an SQL query with no parameters, as text ("" for none).
 std::string Sql(const std::string& path, const char* sql) {
@@ -154,12 +141,14 @@ class JournalHost : public ::testing::Test {
   }
   int Host(std::vector<std::string> words, const std::string& err = "err") {
     words.insert(words.begin(), QMTAHOST_PATH);
-    return Finish(Spawn(words, "out", err), 60s);
+    Child child;
+    EXPECT_TRUE(child.Spawn(words, "out", err));
+    return child.Finish();
   }
   Json History(std::vector<std::string> words) {
     words.insert(words.begin(), {"history", "--journal", "j.db", "--json"});
-    EXPECT_EQ(Host(words, "history.err"), 0) << Read("history.err");
-    return Json::parse(Read("out"), nullptr, false);
+    EXPECT_EQ(Host(words, "history.err"), 0) << ReadFile("history.err");
+    return Json::parse(ReadFile("out"), nullptr, false);
   }
 
   qmtatest::ScratchDir dir_;
@@ -171,7 +160,7 @@ class JournalHost : public ::testing::Test {
 TEST_F(JournalHost, HistoryShowsOutputExitAndRuns) {
   dir_.Write("events", "{\"sitname\": \"Talk\", \"originnode\": \"n\", \"currstate\": 1}\n"
                        "{\"sitname\": \"Die\", \"originnode\": \"n\", \"currstate\": 1}\n");
-  ASSERT_EQ(Host({"--nodes", "nodes", "--journal", "j.db", "events"}), 0) << Read("err");
+  ASSERT_EQ(Host({"--nodes", "nodes", "--journal", "j.db", "events"}), 0) << ReadFile("err");
   Json talk = History({"--request", "1"});
   EXPECT_EQ(talk["outcome"], "completed");
   EXPECT_EQ(talk["rcs"], "3");
@@ -189,49 +178,53 @@ TEST_F(JournalHost, HistoryShowsOutputExitAndRuns) {
   const std::string firstRun = talk["run"];
 
   dir_.Write("events", "{\"sitname\": \"Fast\", \"originnode\": \"n\", \"currstate\": 1}\n");
-  ASSERT_EQ(Host({"--nodes", "nodes", "--journal", "j.db", "events"}), 0) << Read("err");
+  ASSERT_EQ(Host({"--nodes", "nodes", "--journal", "j.db", "events"}), 0) << ReadFile("err");
   EXPECT_EQ(History({"--request", "1"})["command"], "go \"x\"");  // the newest run's
   EXPECT_EQ(History({"--request", firstRun + ":1"})["command"], "talk \"x\"");
   EXPECT_EQ(History({"--failed"}).size(), 2u);  // exit 3 and the signal
   ASSERT_EQ(Host({"history", "--journal", "j.db", "--node", "box"}), 0);
-  EXPECT_EQ(qmtatest::SplitLines(Read("out")).size(), 3u);  // heading and two
+  EXPECT_EQ(qmtatest::SplitLines(ReadFile("out")).size(), 3u);  // heading and two
   EXPECT_EQ(Host({"history", "--journal", "j.db", "--since", "yesterday"}, "history.err"), 2);
 
   ASSERT_EQ(Host({"--nodes", "nodes", "--journal", "nowhere/j.db", "events"}), 0);
-  EXPECT_NE(Read("err").find("journal off: "), std::string::npos) << Read("err");
+  EXPECT_NE(ReadFile("err").find("journal off: "), std::string::npos) << ReadFile("err");
 }
 
 // serve: the journal in $STATE_DIRECTORY by default, GET /v1/actions with
 // filters, the journal's counts in /metrics.
 TEST_F(JournalHost, ServeKeepsItInTheStateDirectoryAndAnswersOverHttp) {
   setenv("STATE_DIRECTORY", dir_.path().c_str(), 1);
-  pid_t host = Spawn({QMTAHOST_PATH, "serve", "--control", dir_.path() + "/control", "--nodes",
-                      "nodes", "--listen", "127.0.0.1:0"},
-                     "out", "err");
+  Child host;
+  ASSERT_TRUE(host.Spawn({QMTAHOST_PATH, "serve", "--control", dir_.path() + "/control",
+                          "--nodes", "nodes", "--listen", "127.0.0.1:0"},
+                         "out", "err"));
   unsetenv("STATE_DIRECTORY");
   std::smatch found;
-  std::string base;
-  for (int i = 0; i < 1000 && base.empty(); ++i) {
-    std::string said = Read("err");
-    if (std::regex_search(said, found, std::regex("listening on (http://127.0.0.1:[0-9]+)")))
-      base = found[1];
-    std::this_thread::sleep_for(10ms);
-  }
-  ASSERT_FALSE(base.empty()) << Read("err");
+  std::string said;
+  ASSERT_TRUE(qmtatest::WaitUntil(
+      [&] {
+        said = ReadFile("err");
+        return std::regex_search(said, found, std::regex("listening on (http://127.0.0.1:[0-9]+)"));
+      },
+      10s))
+      << said;
+  const std::string base = found[1];
   auto curl = [&](const std::string& path, const std::string& data = "") {
     std::vector<std::string> words = {"curl", "-s", "-o", "body", "-w", "%{http_code}"};
     if (!data.empty()) words.insert(words.end(), {"--data-binary", data});
     words.push_back(base + path);
-    EXPECT_EQ(Finish(Spawn(words, "code", "curl.err"), 30s), 0);
-    return atoi(Read("code").c_str());
+    Child curl;
+    EXPECT_TRUE(curl.Spawn(words, "code", "curl.err"));
+    EXPECT_EQ(curl.Finish(), 0);
+    return atoi(ReadFile("code").c_str());
   };
   EXPECT_EQ(curl("/v1/events", "{\"sitname\": \"Fast\", \"originnode\": \"n\", \"currstate\": 1}\n"
                                "{\"sitname\": \"Talk\", \"originnode\": \"n\", \"currstate\": 1}"),
             202);
   Json answer;
   for (int i = 0; i < 300; ++i) {
-    ASSERT_EQ(curl("/v1/actions?node=sim*&since=1h"), 200) << Read("body");
-    answer = Json::parse(Read("body"), nullptr, false);
+    ASSERT_EQ(curl("/v1/actions?node=sim*&since=1h"), 200) << ReadFile("body");
+    answer = Json::parse(ReadFile("body"), nullptr, false);
     if (answer["actions"].size() == 1 && answer["actions"][0]["outcome"] == "completed") break;
     std::this_thread::sleep_for(20ms);
   }
@@ -239,41 +232,39 @@ TEST_F(JournalHost, ServeKeepsItInTheStateDirectoryAndAnswersOverHttp) {
   EXPECT_EQ(answer["actions"][0]["command"], "go \"x\"");
   EXPECT_EQ(curl("/v1/actions?since=soon"), 400);
   EXPECT_EQ(curl("/metrics"), 200);
-  EXPECT_NE(Read("body").find("qmta_journal_records_total "), std::string::npos);
-  kill(host, SIGTERM);
-  EXPECT_EQ(Finish(host, 30s), 0) << Read("err");
+  EXPECT_NE(ReadFile("body").find("qmta_journal_records_total "), std::string::npos);
+  host.Kill(SIGTERM);
+  EXPECT_EQ(host.Wait(30s), 0) << ReadFile("err");
   EXPECT_EQ(Sql(dir_.path() + "/journal.db", "SELECT count(*) FROM actions"), "2");
 }
 
 // SIGKILL during a storm of actions: the database is sound, `history`
 // reads it, and what is lost is the last moment's batch at most.
 TEST_F(JournalHost, SurvivesSigkillDuringAStorm) {
-  signal(SIGPIPE, SIG_IGN);  // the feed outlives the host
-  ASSERT_EQ(mkfifo((dir_.path() + "/storm").c_str(), 0600), 0);
-  pid_t host = Spawn({QMTAHOST_PATH, "--nodes", "nodes", "--journal", "j.db", "storm"}, "out",
-                     "err");
-  std::atomic<bool> stop{false};
-  std::thread feed([&] {
-    int fd = open((dir_.path() + "/storm").c_str(), O_WRONLY);
-    std::string line = "{\"sitname\": \"Fast\", \"originnode\": \"n\", \"currstate\": 1}\n";
-    while (!stop && write(fd, line.data(), line.size()) > 0) {
-    }
-    close(fd);
-  });
+  signal(SIGPIPE, SIG_IGN);
+  Child host;
+  ASSERT_TRUE(host.Spawn({QMTAHOST_PATH, "--nodes", "nodes", "--journal", "j.db"}, "out", "err",
+                         "", true));
+  std::string lines;
+  for (int i = 0; i < 100; ++i)
+    lines += "{\"sitname\": \"Fast\", \"originnode\": \"n\", \"currstate\": 1}\n";
   const std::string db = dir_.path() + "/j.db";
-  for (int i = 0; i < 1000 && atoi(Sql(db, "SELECT count(*) FROM actions").c_str()) < 500; ++i)
-    std::this_thread::sleep_for(10ms);
-  std::this_thread::sleep_for(300ms);
-  const double killed = std::chrono::duration<double>(
-                            std::chrono::system_clock::now().time_since_epoch()).count();
-  kill(host, SIGKILL);
-  EXPECT_EQ(Finish(host, 10s), -1);
-  stop = true;
-  feed.join();
+  auto now = [] {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+  };
+  double stormEnd = 0;  // 300 ms after the journal holds 500 actions
+  for (int i = 0; i < 100000 && (stormEnd == 0 || now() < stormEnd); ++i) {
+    host.Send(lines);
+    if (stormEnd == 0 && atoi(Sql(db, "SELECT count(*) FROM actions").c_str()) >= 500)
+      stormEnd = now() + 0.3;
+  }
+  const double killed = now();
+  host.Kill(SIGKILL);
   EXPECT_EQ(Sql(db, "PRAGMA integrity_check"), "ok");
   EXPECT_GT(std::stod(Sql(db, "SELECT max(started) FROM actions")), killed - 1.0);
   ASSERT_EQ(Host({"history", "--journal", "j.db", "--limit", "5"}), 0);
-  EXPECT_EQ(qmtatest::SplitLines(Read("out")).size(), 6u);
+  EXPECT_EQ(qmtatest::SplitLines(ReadFile("out")).size(), 6u);
 }
 
 }  // namespace
