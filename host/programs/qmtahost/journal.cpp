@@ -220,7 +220,7 @@ void Bind(sqlite3_stmt* s, const std::string& run, const Journal::Record& r) {
       if (!r.rows.empty()) BindText(s, 6, rcs);
       if (r.exitStatus >= 0) sqlite3_bind_int(s, 7, r.exitStatus);
       if (r.signal > 0) sqlite3_bind_int(s, 8, r.signal);
-      BindText(s, 9, r.text);
+      if (!r.text.empty()) BindText(s, 9, r.text);  // NULL: nothing printed, or not known
       sqlite3_bind_int(s, 10, r.cut);
       sqlite3_bind_int(s, 11, !completed || nonzero);
       break;
