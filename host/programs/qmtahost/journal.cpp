@@ -2,6 +2,7 @@
 // written by the one writer thread in batches.
 #include "host/programs/qmtahost/journal.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <unistd.h>
 
@@ -249,6 +250,10 @@ Journal::Journal(const JournalSettings& settings)
 std::shared_ptr<Journal> Journal::Open(const JournalSettings& settings, std::string* error) {
   std::shared_ptr<Journal> journal(new Journal(settings));
   Db& db = *journal->db_;
+  // The file is made readable by its owner and group only: it holds what
+  // action programs printed. SQLite gives its -wal and -shm files the same.
+  int made = open(settings.path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+  if (made >= 0) close(made);
   auto fail = [&](const std::string& what) {
     *error = settings.path + ": " + what + ": " + db.Error();
     return nullptr;
