@@ -101,9 +101,13 @@ PRAGMA user_version = 1;
 // One statement per kind of record, in the order of Record::Kind; every
 // value is bound, ?1 being the run.
 const char* const kStatements[] = {
-    // kEvent
-    "INSERT OR REPLACE INTO events(run, id, time, source, sitname, originnode, prevstate, "
-    "state, attributes, result) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)",
+    // kEvent: after the event exit, so its actions may have been counted
+    "INSERT INTO events(run, id, time, source, sitname, originnode, prevstate, "
+    "state, attributes, result) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10) "
+    "ON CONFLICT(run, id) DO UPDATE SET time = excluded.time, source = excluded.source, "
+    "sitname = excluded.sitname, originnode = excluded.originnode, "
+    "prevstate = excluded.prevstate, state = excluded.state, "
+    "attributes = excluded.attributes, result = excluded.result",
     // kStartFailures
     "UPDATE events SET actions_not_started = actions_not_started + ?3 WHERE run = ?1 AND id = ?2",
     // kAnnounced: the action's event, sitname and state (QMTA040I)
@@ -135,9 +139,11 @@ const char* const kStatements[] = {
     "ended = excluded.ended, outcome = 'no response', failed = 1 WHERE outcome = 'running'",
 };
 constexpr size_t kKinds = sizeof kStatements / sizeof kStatements[0];
-// After an action's QMTA040I: its event counts it.
+// After an action's QMTA040I: its event counts it (its row may come later:
+// it is queued once the event exit has returned).
 const char kCountStarted[] =
-    "UPDATE events SET actions_started = actions_started + 1 WHERE run = ?1 AND id = ?2";
+    "INSERT INTO events(run, id, time, actions_started) VALUES(?1, ?2, 0, 1) "
+    "ON CONFLICT(run, id) DO UPDATE SET actions_started = actions_started + 1";
 
 }  // namespace
 
