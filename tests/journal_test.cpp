@@ -259,10 +259,17 @@ TEST_F(JournalHost, SurvivesSigkillDuringAStorm) {
     if (stormEnd == 0 && atoi(Sql(db, "SELECT count(*) FROM actions").c_str()) >= 500)
       stormEnd = now() + 0.3;
   }
-  const double killed = now();
   host.Kill(SIGKILL);
   EXPECT_EQ(Sql(db, "PRAGMA integrity_check"), "ok");
-  EXPECT_GT(std::stod(Sql(db, "SELECT max(started) FROM actions")), killed - 1.0);
+  // Every QMTA040I on standard output was handed to the journal before it
+  // was written; those not in the database were in the batch not yet
+  // committed. (A QMTA040I handed on but not yet written may be kept too.)
+  int announced = 0;
+  for (const std::string& line : qmtatest::SplitLines(ReadFile("out")))
+    announced += line.starts_with("QMTA040I");
+  const int kept = atoi(Sql(db, "SELECT count(*) FROM actions WHERE sitname IS NOT NULL").c_str());
+  EXPECT_GT(kept, 400);
+  EXPECT_LE(announced - kept, 2048);  // a batch: 1,024 records or 200 ms
   ASSERT_EQ(Host({"history", "--journal", "j.db", "--limit", "5"}), 0);
   EXPECT_EQ(qmtatest::SplitLines(ReadFile("out")).size(), 6u);
 }
