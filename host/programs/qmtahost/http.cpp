@@ -7,6 +7,7 @@
 #include <strings.h>
 #include <sys/stat.h>
 
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -15,6 +16,7 @@
 #include "host/common/files.h"
 #include "host/common/number.h"
 #include "host/common/say.h"
+#include "host/programs/qmtahost/history.h"
 #include "host/programs/qmtahost/intake.h"
 #include "host/programs/qmtahost/linereader.h"
 
@@ -67,8 +69,9 @@ const char* Header(MHD_Connection* connection, const char* name) {
 
 // One request being read: the endpoint that answers it, and its body.
 struct HttpServer::Request {
-  enum class Endpoint { kHealth, kReady, kMetrics, kEvents, kCommands } endpoint;
+  enum class Endpoint { kHealth, kReady, kMetrics, kEvents, kCommands, kActions } endpoint;
   std::string body;
+  std::map<std::string, std::string> query;  // GET /v1/actions' parameters
 };
 
 // What to send back.
@@ -321,7 +324,9 @@ HttpServer::Answer HttpServer::Route(MHD_Connection* connection, Request* reques
     }
   }
   const bool events = path == "/v1/events", commands = path == "/v1/commands";
-  if (path != "/healthz" && path != "/readyz" && path != "/metrics" && !events && !commands)
+  const bool actions = path == "/v1/actions";
+  if (path != "/healthz" && path != "/readyz" && path != "/metrics" && !events && !commands &&
+      !actions)
     return Answer::Error(404, "no such path");
   if (events || commands) {
     if (method != "POST") {
@@ -338,6 +343,17 @@ HttpServer::Answer HttpServer::Route(MHD_Connection* connection, Request* reques
   // would close after it).
   if (path == "/readyz" || path == "/metrics") {
     request->endpoint = path == "/readyz" ? Endpoint::kReady : Endpoint::kMetrics;
+    return {};
+  }
+  if (actions) {
+    request->endpoint = Endpoint::kActions;
+    MHD_get_connection_values(
+        connection, MHD_GET_ARGUMENT_KIND,
+        [](void* into, MHD_ValueKind, const char* key, const char* value) {
+          (*static_cast<std::map<std::string, std::string>*>(into))[key] = value ? value : "";
+          return MHD_YES;
+        },
+        &request->query);
     return {};
   }
   // A body: refused at once when it says it is too large.
@@ -377,6 +393,11 @@ HttpServer::Answer HttpServer::Respond(const Request& request) {
       return Events(request.body);
     case Request::Endpoint::kCommands:
       return Command(request.body);
+    case Request::Endpoint::kActions: {
+      Answer answer;
+      answer.status = ActionsAnswer(request.query, &answer.body);
+      return answer;
+    }
   }
   return Answer::Error(500, "no endpoint");
 }

@@ -6,6 +6,8 @@
 //                      refused whole (400) naming each refused line
 //   POST /v1/commands  one line as the control socket takes it (a module
 //                      command, a drain, a reload), answered as there
+//   GET  /v1/actions   the action journal, filtered as `qmtahost history`
+//                      filters (history.h), as JSON
 //   GET  /metrics      Prometheus text format (metrics.h)
 //   GET  /healthz      200 while the process runs
 //   GET  /readyz       200 once the module has started with a table loaded
