@@ -11,10 +11,15 @@
 //   GET  /metrics      Prometheus text format (metrics.h)
 //   GET  /healthz      200 while the process runs
 //   GET  /readyz       200 once the module has started with a table loaded
+//   GET  /v1/actions   the action journal, filtered (history.h)
+//   GET  /v1/rules     the rules loaded, as the module's DISPLAY lists them
+//   GET  /             the operator page (page.h), with /page.js, /page.css
+//   POST /login        form field `token`: a browser session; /logout ends it
 //
-// Every path but /healthz needs `Authorization: Bearer TOKEN` when a token
-// file is given; without one the server listens on loopback addresses
-// only. Bodies, headers, connections and idle time are bounded.
+// Every path but /healthz, /page.css and /login needs `Authorization:
+// Bearer TOKEN` when a token file is given (a GET may carry a browser
+// session's cookie instead); without one the server listens on loopback
+// addresses only. Bodies, headers, connections and idle time are bounded.
 //
 // Threads: libmicrohttpd runs a listening thread and one thread per
 // connection (at most `connections`); a connection's thread parses and
@@ -32,6 +37,7 @@
 #include "host/programs/qmtahost/dispatcher.h"
 #include "host/programs/qmtahost/metrics.h"
 #include "host/programs/qmtahost/outputrelay.h"
+#include "host/programs/qmtahost/page.h"
 
 struct MHD_Daemon;
 struct MHD_Connection;
@@ -101,11 +107,13 @@ class HttpServer {
   Answer Respond(const Request& request);  // once the whole request is in
   Answer Events(const std::string& body);
   Answer Command(const std::string& body);
+  Answer Rules();
 
   Dispatcher* dispatcher_;
   Metrics* metrics_;
   const OutputRelay* relay_;
   HttpConfig config_;
+  Sessions sessions_;
   MHD_Daemon* daemon_ = nullptr;
 };
 
