@@ -1,6 +1,13 @@
-// The host program's command line and input lines, parsed directly.
+// The host program's command line, input lines and Alertmanager
+// notifications, parsed directly.
+#include <stdlib.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
 #include <gtest/gtest.h>
 
+#include "host/programs/qmtahost/alertmanager.h"
 #include "host/programs/qmtahost/inputline.h"
 #include "host/programs/qmtahost/options.h"
 
@@ -53,6 +60,10 @@ TEST(HostOptions, UsageErrorsNameTheWrongWord) {
       {{"--command-length", "32768"}, "--command-length: bad length \"32768\" (1 to 32767)"},
       {{"--server", "TENCHARSXX"}, "--server: the name must have 1 to 9 characters"},
       {{""}, "the input file name is empty"},
+      {{"--alert-state-max", "5"}, "the HTTP options (--listen, --token-file, --tls-*, --http-*, "
+                                   "--alert-*) are options of serve"},
+      {{"serve", "--listen", "127.0.0.1:0", "--alert-state-max", "0"},
+       "--alert-state-max: bad count \"0\" (1 to 10000000)"},
   };
   for (const auto& [words, expected] : cases) {
     Options options;
@@ -158,6 +169,92 @@ TEST(HostInput, TimestampForm) {
   when.tm_mday = 1;
   when.tm_hour = 23;
   EXPECT_EQ(qmta::hostprog::Timestamp(when), "0990101230509000");
+}
+
+// The notification captured from Alertmanager 0.25 (HostDown firing, Disk
+// "Full" resolved), and the same with both firing: only changes of state
+// are delivered; the table forgets after its expiry and beyond its cap;
+// a bad alert is refused alone, a bad body whole.
+TEST(HostInput, AlertmanagerNotificationsDeliverChangesOfState) {
+  using namespace qmta::hostprog;
+  using namespace std::chrono_literals;
+  setenv("TZ", "UTC", 1);
+  tzset();
+  std::ifstream in(QMTA_SOURCE_DIR "/tests/data/alertmanager-webhook.json");
+  const std::string resolved((std::istreambuf_iterator<char>(in)), {});
+  nlohmann::json body = nlohmann::json::parse(resolved);
+  body["alerts"][1]["status"] = "firing";
+  body["alerts"][1]["startsAt"] = "2026-11-23T12:53:12.46+02:00";
+  const std::string firing = body.dump();
+  AlertSettings settings;
+  settings.thresholdAnnotation = "runbook";
+  settings.stateMax = 2;
+  settings.stateExpiry = 60s;
+  AlertIntake intake(settings, false);
+  std::vector<Event> queued;
+  bool open = true;
+  AlertBatch batch;
+  auto take = [&](const std::string& text, AlertIntake::Clock::duration at) {
+    batch = intake.Take(text, [&](std::vector<Alert*>& alerts) {
+      for (Alert* alert : alerts) queued.push_back(alert->event);
+      return open;
+    }, AlertIntake::Clock::time_point(at));
+    std::string outcomes;  // D delivered, U unchanged, R refused
+    for (const Alert& alert : batch.alerts) outcomes += "DUR"[static_cast<int>(alert.outcome)];
+    return outcomes + batch.error;
+  };
+  EXPECT_EQ(take(firing, 0s), "DD");
+  EXPECT_EQ(take(firing, 1s), "UU");
+  EXPECT_EQ(take(resolved, 2s), "UD");
+  EXPECT_EQ(take(resolved, 61s), "UU");
+  ASSERT_EQ(queued.size(), 3u);
+  const Event& disk = queued[1];
+  EXPECT_EQ(disk.sitname, "Disk 'Full'");
+  EXPECT_EQ(disk.originnode, "db1:9100");
+  EXPECT_EQ(disk.timestamp, "1261123105312000");
+  EXPECT_EQ(disk.threshold, "https://wiki.example/disk");
+  EXPECT_EQ(disk.attributes, (std::vector<std::pair<std::string, std::string>>{
+                                 {"alertname", "Disk \"Full\""}, {"instance", "db1:9100"},
+                                 {"severity", "page"}, {"annotation.runbook", "https://wiki.example/disk"},
+                                 {"annotation.summary", "disk 97% full on /var"}}));
+  EXPECT_EQ(queued[2].sitname, "Disk 'Full'");
+  EXPECT_EQ(std::tie(queued[2].currstate, queued[2].prevstate, *queued[2].timestamp),
+            std::tuple(2, 1, "1261123105219000"));
+  EXPECT_EQ(take(resolved, 121s), "DD");  // not seen for 60 s: forgotten
+  EXPECT_EQ(queued[4].prevstate, 0);
+  body["alerts"] = {body["alerts"][0], body["alerts"][1]};
+  body["alerts"][1]["fingerprint"] = "other";
+  EXPECT_EQ(take(body.dump(), 122s), "UD");  // the cap drops Disk "Full", the oldest
+  body["alerts"][1] = nlohmann::json::parse(resolved)["alerts"][1];
+  EXPECT_EQ(take(body.dump(), 123s), "UD");
+  EXPECT_EQ(intake.states(), 2u);
+
+  body["alerts"] = nlohmann::json::parse(R"([
+      {"fingerprint": "1", "status": "firing", "labels": {"alertname": "a\u001bb"}, "startsAt": "2026-01-01T00:00:00Z"},
+      {"fingerprint": "2", "status": "firing", "labels": {"alertname": "a", "x": "\u0000"}, "startsAt": "2026-01-01T00:00:00Z"},
+      {"fingerprint": "3", "status": "pending", "labels": {"alertname": "a"}},
+      {"fingerprint": "4", "status": "firing", "labels": {"alertname": "a"}, "startsAt": "2026-01-01T00:00:00"},
+      {"fingerprint": "5", "status": "resolved", "labels": {"alertname": "a"}, "endsAt": "0001-01-01T00:00:00Z"},
+      {"fingerprint": "6", "status": "firing", "labels": {"instance": "a"}, "startsAt": "2026-01-01T00:00:00Z"},
+      {"fingerprint": "7", "status": "firing", "labels": {"alertname": 7}, "startsAt": "2026-01-01T00:00:00Z"},
+      {"status": "firing", "labels": {"alertname": "a"}, "startsAt": "2026-01-01T00:00:00Z"}, 8,
+      {"fingerprint": "10", "status": "firing", "labels": {"alertname": "ok"}, "startsAt": "2026-01-01T00:00:00Z"}])");
+  open = false;
+  EXPECT_EQ(take(body.dump(), 124s), "RRRRRRRRRD");
+  EXPECT_TRUE(batch.stopping);
+  std::vector<std::string> reasons;
+  for (const Alert& alert : batch.alerts) reasons.push_back(alert.reason);
+  EXPECT_EQ(reasons, (std::vector<std::string>{
+      "\"sitname\" holds a control character", "a label or annotation holds a NUL character",
+      "\"status\" must be \"firing\" or \"resolved\"",
+      "\"startsAt\" must be an RFC 3339 time between the years 1900 and 2899",
+      "\"endsAt\" must be an RFC 3339 time between the years 1900 and 2899",
+      "missing label \"alertname\"", "\"labels\" must be an object of strings",
+      "missing \"fingerprint\"", "an alert must be an object", ""}));
+  EXPECT_EQ(take("{\"version\": \"3\", \"alerts\": []}", 0s), "\"version\" must be \"4\"");
+  EXPECT_EQ(take("{\"alerts\": {}}", 0s), "\"alerts\" must be a list");
+  EXPECT_EQ(take("[]", 0s), "the body must be a JSON object (an Alertmanager notification)");
+  EXPECT_TRUE(take("{", 0s).starts_with("bad JSON: "));
 }
 
 }  // namespace
