@@ -2,124 +2,22 @@
 // refused whole, commands, metrics after real actions, health and
 // readiness, the bearer token, TLS, and the refusal of a public address
 // without a token. Everything listens on and talks to loopback only.
-#include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <fstream>
 #include <regex>
-#include <sstream>
 #include <thread>
 
-#include <gtest/gtest.h>
-
-#include "tests/support/support.h"
-
-extern char** environ;
+#include "tests/support/httphost.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-
-std::string Read(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// Starts `words` (found on PATH) with standard output and error to files.
-pid_t Spawn(const std::vector<std::string>& words, const std::string& out, const std::string& err) {
-  std::vector<char*> argv;
-  for (const std::string& word : words) argv.push_back(const_cast<char*>(word.c_str()));
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t files;
-  posix_spawn_file_actions_init(&files);
-  posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  pid_t pid = -1;
-  EXPECT_EQ(0, posix_spawnp(&pid, argv[0], &files, nullptr, argv.data(), environ));
-  posix_spawn_file_actions_destroy(&files);
-  return pid;
-}
-
-// The exit status, or -1 when it did not end within `limit` (then it is
-// killed) or a signal ended it.
-int Finish(pid_t pid, std::chrono::milliseconds limit) {
-  auto end = std::chrono::steady_clock::now() + limit;
-  int status = 0;
-  while (waitpid(pid, &status, WNOHANG) == 0) {
-    if (std::chrono::steady_clock::now() > end) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      return -1;
-    }
-    std::this_thread::sleep_for(5ms);
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-struct Reply {
-  int code = 0;
-  std::string body;
-};
-
-class Http : public ::testing::Test {
- protected:
-  void TearDown() override {
-    if (host_ > 0) {
-      kill(host_, SIGTERM);
-      EXPECT_EQ(Finish(host_, 30s), 0) << Read("err");
-    }
-  }
-  // Starts `qmtahost serve` on a free loopback port and reads the port
-  // from what it says on standard error.
-  void Start(std::vector<std::string> extra = {}) {
-    std::vector<std::string> words = {QMTAHOST_PATH, "serve", "--control", dir_.path() + "/control",
-                                      "--nodes", "nodes", "--listen", "127.0.0.1:0"};
-    words.insert(words.end(), extra.begin(), extra.end());
-    host_ = Spawn(words, "out", "err");
-    std::smatch found;
-    for (int i = 0; i < 1000; ++i) {
-      std::string said = Read("err");
-      if (std::regex_search(said, found, std::regex("listening on (https?://127.0.0.1:[0-9]+)"))) {
-        base_ = found[1];
-        return;
-      }
-      std::this_thread::sleep_for(10ms);
-    }
-    FAIL() << "the host never listened: " << Read("err");
-  }
-  Reply Curl(const std::string& path, const std::string& body = "", bool post = false,
-             std::vector<std::string> extra = {}) {
-    std::vector<std::string> words = {"curl", "-s", "--max-time", "30", "-o", "body",
-                                      "-w", "%{http_code}"};
-    if (post || !body.empty()) {
-      dir_.Write("request", body);
-      words.insert(words.end(), {"--data-binary", "@request"});
-    }
-    words.insert(words.end(), extra.begin(), extra.end());
-    words.push_back(base_ + path);
-    EXPECT_EQ(Finish(Spawn(words, "code", "curl.err"), 40s), 0) << Read("curl.err");
-    return {atoi(Read("code").c_str()), Read("body")};
-  }
-  // The value of one sample of the metrics, -1 when it is missing.
-  double Metric(const std::string& metrics, const std::string& sample) {
-    std::istringstream lines(metrics);
-    for (std::string line; std::getline(lines, line);)
-      if (line.starts_with(sample + " ")) return std::stod(line.substr(sample.size() + 1));
-    return -1;
-  }
-
-  qmtatest::ScratchDir dir_;
-  pid_t host_ = -1;
-  std::string base_;
-};
+using qmtatest::Finish;
+using qmtatest::ReadFile;
+using qmtatest::Spawn;
+using Reply = qmtatest::HttpReply;
+class Http : public qmtatest::HttpHost {};
 
 // Events are taken or refused whole and reach the module; commands answer
 // what ctl prints; the metrics count what happened, their stack figures
@@ -163,7 +61,7 @@ TEST_F(Http, EventsCommandsMetricsAndReadiness) {
   until("qmta_backpressure_held_seconds");
   Reply busy = Curl("/v1/events", s, true, {"-D", "headers"});
   EXPECT_EQ(busy.code, 503);
-  EXPECT_NE(Read("headers").find("Retry-After: 5"), std::string::npos) << Read("headers");
+  EXPECT_NE(ReadFile("headers").find("Retry-After: 5"), std::string::npos) << ReadFile("headers");
 
   Reply drained = Curl("/v1/commands", "{\"drain\": true}\n");
   EXPECT_EQ(drained.code, 200);
@@ -242,7 +140,7 @@ TEST_F(Http, TokenTlsAndPublicAddresses) {
   pid_t refused = Spawn({QMTAHOST_PATH, "serve", "--control", "control", "--listen", "0.0.0.0:0"},
                         "public.out", "public.err");
   EXPECT_EQ(Finish(refused, 30s), 2);
-  EXPECT_NE(Read("public.err").find("is not a loopback address"), std::string::npos);
+  EXPECT_NE(ReadFile("public.err").find("is not a loopback address"), std::string::npos);
 
   dir_.Write("token", "s3cret-token\n");
   chmod("token", 0644);
@@ -253,10 +151,10 @@ TEST_F(Http, TokenTlsAndPublicAddresses) {
                          "openssl.out", "openssl.err"),
                    30s),
             0)
-      << Read("openssl.err");
+      << ReadFile("openssl.err");
   Start({"--token-file", "token", "--tls-cert", "cert.pem", "--tls-key", "key.pem"});
   EXPECT_TRUE(base_.starts_with("https://")) << base_;
-  EXPECT_NE(Read("err").find("token is readable by others"), std::string::npos);
+  EXPECT_NE(ReadFile("err").find("token is readable by others"), std::string::npos);
   const std::vector<std::string> tls = {"--cacert", "cert.pem"};
   auto with = [&](const std::string& token) {
     std::vector<std::string> words = tls;
