@@ -90,7 +90,8 @@ Event ReadAlert(const Json& alert, const AlertSettings& settings) {
 // which no input lets through.
 bool HoldsNul(const Event& event) {
   auto nul = [](const std::string& text) { return text.find('\0') != std::string::npos; };
-  bool found = nul(event.sitname) || nul(event.originnode) || (event.threshold && nul(*event.threshold));
+  bool found = nul(event.sitname) || nul(event.originnode) ||
+               (event.threshold && nul(*event.threshold));
   for (const auto& [name, value] : event.attributes) found = found || nul(name) || nul(value);
   return found;
 }

@@ -80,7 +80,8 @@ class AlertIntake {
 
   // Reads a webhook body, decides each alert and hands those to deliver
   // to `submit`.
-  AlertBatch Take(std::string_view body, const Submit& submit, Clock::time_point now = Clock::now());
+  AlertBatch Take(std::string_view body, const Submit& submit,
+                  Clock::time_point now = Clock::now());
   size_t states() const;
 
  private:
