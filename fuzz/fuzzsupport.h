@@ -7,8 +7,6 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <string>
-
 #include "qmtauto1/qmtauto1.h"
 
 namespace qmtafuzz {
@@ -16,17 +14,13 @@ namespace qmtafuzz {
 // Once per process: makes a fresh directory under TMPDIR the current one
 // (removed at exit), points standard output and the trace at /dev/null.
 void Setup();
-
-// An anchor with its table lock and request-id mutex, as initialisation
-// leaves it, published as the module's; no stacks and no path.
+// An anchor with its table lock and request-id mutex, as start-up leaves
+// it, published as the module's; no stacks and no path.
 AutomationAnchor* MakeAnchor();
-
 // Writes `size` bytes as the rule file QMTASITR in the current directory.
 void WriteRuleFile(const uint8_t* data, size_t size);
-
 // Detail trace (to /dev/null) for this input or not.
 void Trace(bool on);
-
 // Stops the run when `condition` fails.
 void Check(bool condition, const char* what);
 

@@ -31,10 +31,18 @@ int32_t stepped(int32_t counter, int32_t step) {
                               static_cast<uint32_t>(step));
 }
 
-// Takes seMutex; on failure prints the message naming `operation`.
-bool lockMutex(SeLock* lock, const char* operation) {
-  if (qmta::port::MutexLock(&lock->seMutex) == 0) return true;
-  qmtaMessageNoFlush(kMutexFailed, operation, errno);
+// A release must happen: one given up would leave the lock held for good,
+// and every later search and reload would wait for ever. It asks for the
+// mutex up to this many times.
+constexpr int kReleaseTries = 3;
+
+// Takes seMutex in at most `tries` attempts; prints the message naming
+// `operation` for each one that fails.
+bool lockMutex(SeLock* lock, const char* operation, int tries = 1) {
+  for (int attempt = 0; attempt < tries; ++attempt) {
+    if (qmta::port::MutexLock(&lock->seMutex) == 0) return true;
+    qmtaMessageNoFlush(kMutexFailed, operation, errno);
+  }
   return false;
 }
 
@@ -86,7 +94,7 @@ int32_t qmtalrsl(SeLock* lock) {
   TraceFlow flow(kUnitLock, "releaseslock");
   // The mutex message names the operation "releaseeslock" and the state
   // message below "releaseslock": each keeps its established spelling.
-  if (!lockMutex(lock, "releaseeslock")) return flow.exit(-1);
+  if (!lockMutex(lock, "releaseeslock", kReleaseTries)) return flow.exit(-1);
   lock->seCounter = stepped(lock->seCounter, -1);
   if (flow.lockDetail()) {
     TRC1_Printf(kUnitLock, __LINE__, "---releaseslock() shared lock counter=%d",
@@ -133,7 +141,7 @@ int32_t qmtalgel(SeLock* lock) {
 
 int32_t qmtalrel(SeLock* lock) {
   TraceFlow flow(kUnitLock, "releaseelock");
-  if (!lockMutex(lock, "releaseelock")) return flow.exit(-1);
+  if (!lockMutex(lock, "releaseelock", kReleaseTries)) return flow.exit(-1);
   // Cleared whatever it held: the exclusive holder is the only writer.
   lock->seCounter = 0;
   if (flow.lockDetail()) {

@@ -79,12 +79,15 @@ void initautomation(void* pathHandle) {
         // Release the access plans made so far, latest first, then the path.
         for (int made = stack - 1; made >= kVxStack; --made)
           DBQ1_DropHandle(table->stacks[made].accessPlanHandle);
-        DBQ1_DropHandle(path);
         publishAnchor(nullptr);
         free(table);
       }
     }
   }
+
+  // A path of the module's own goes with a failed start-up; the caller's
+  // path stays the caller's.
+  if (rc != 0 && rc != -30 && pathHandle == nullptr) DBQ1_DropHandle(path);
 
   if (rc == 0) {
     if (loadtable() != 0) {

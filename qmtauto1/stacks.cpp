@@ -116,6 +116,20 @@ int32_t sqlcomplete(int32_t status, void* userArgument) {
   return flow.exit(status);
 }
 
+namespace {
+
+// Drops an entry's request and frees the entry.
+void destroyentry(RSEN* entry) {
+  pthread_mutex_lock(&entry->done.doneLock);
+  DBQ1_DropHandle(entry->requestHandle);
+  pthread_mutex_unlock(&entry->done.doneLock);
+  pthread_cond_destroy(&entry->done.doneCond);
+  pthread_mutex_destroy(&entry->done.doneLock);
+  free(entry);
+}
+
+}  // namespace
+
 int32_t pushstack(RSTK* rStack, RSEN* currRSEntry, int32_t forcedropI) {
   TraceFlow flow(kUnitModule, "pushstack");
   if (flow.detail()) {
@@ -125,7 +139,9 @@ int32_t pushstack(RSTK* rStack, RSEN* currRSEntry, int32_t forcedropI) {
     qmtaFlush();
   }
   if (qmta::port::MutexLock(&rStack->stackLock) != 0) {
+    // Deleted rather than lost; the stack still counts it among its total.
     qmtaMessage("QMTA003E GET LOCK ERROR=%d\n", errno);
+    destroyentry(currRSEntry);
     return flow.exit(-1);
   }
   // Keep at most 80 per cent of the requests ever created, rounded half up.
@@ -135,12 +151,7 @@ int32_t pushstack(RSTK* rStack, RSEN* currRSEntry, int32_t forcedropI) {
       TRC1_Printf(kUnitModule, __LINE__, " stack full, deleting entry");
       qmtaFlush();
     }
-    pthread_mutex_lock(&currRSEntry->done.doneLock);
-    DBQ1_DropHandle(currRSEntry->requestHandle);
-    pthread_mutex_unlock(&currRSEntry->done.doneLock);
-    pthread_cond_destroy(&currRSEntry->done.doneCond);
-    pthread_mutex_destroy(&currRSEntry->done.doneLock);
-    free(currRSEntry);
+    destroyentry(currRSEntry);
     if (forcedropI != 0) relaxedStore(rStack->totalCount, rStack->totalCount - 1);
   } else {
     if (flow.detail()) {

@@ -2,7 +2,6 @@
 // amtool) notifies `qmtahost serve` through the webhook, everything on
 // 127.0.0.1: one action when an alert fires, one when it is resolved, none
 // for Alertmanager's re-sends.
-#include <signal.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -15,9 +14,8 @@
 namespace {
 
 using namespace std::chrono_literals;
-using qmtatest::Finish;
 using qmtatest::ReadFile;
-using qmtatest::Spawn;
+using qmtatest::RunToEnd;
 class Alertmanager : public qmtatest::HttpHost {};
 
 size_t Count(const std::string& text, const std::string& pattern) {
@@ -26,10 +24,7 @@ size_t Count(const std::string& text, const std::string& pattern) {
       std::sregex_iterator(text.begin(), text.end(), search), std::sregex_iterator()));
 }
 
-bool WaitFor(const std::function<bool()>& ready) {
-  for (int i = 0; i < 300 && !ready(); ++i) std::this_thread::sleep_for(100ms);
-  return ready();
-}
+bool WaitFor(const std::function<bool()>& ready) { return qmtatest::WaitUntil(ready, 30s); }
 
 // DiskFull fires; Other joins its group (a re-send of DiskFull); repeats
 // follow every two seconds; DiskFull is resolved.
@@ -46,12 +41,11 @@ TEST_F(Alertmanager, AnActionForEachChangeOfStateNoneForResends) {
   dir_.Write("am.yml", "route: {receiver: qmta, group_wait: 1s, group_interval: 1s, "
                        "repeat_interval: 2s}\nreceivers:\n- name: qmta\n  webhook_configs:\n"
                        "  - {url: '" + base_ + "/v1/alertmanager', send_resolved: true}\n");
-  struct Stopped {
-    pid_t pid;
-    ~Stopped() { kill(pid, SIGTERM), Finish(pid, 10s); }
-  } alertmanager{Spawn({"prometheus-alertmanager", "--config.file=am.yml", "--storage.path=am",
-                        "--web.listen-address=127.0.0.1:0", "--cluster.listen-address="},
-                       "am.out", "am.err")};
+  qmtatest::Child alertmanager;
+  ASSERT_TRUE(alertmanager.Spawn({"prometheus-alertmanager", "--config.file=am.yml",
+                                  "--storage.path=am", "--web.listen-address=127.0.0.1:0",
+                                  "--cluster.listen-address="},
+                                 "am.out", "am.err"));
   std::smatch found;
   ASSERT_TRUE(WaitFor([&] {
     std::string said = ReadFile("am.err");
@@ -61,7 +55,7 @@ TEST_F(Alertmanager, AnActionForEachChangeOfStateNoneForResends) {
   auto amtool = [&](std::vector<std::string> words) {
     words.insert(words.begin(), {"amtool", "alert", "add"});
     words.insert(words.end(), {"--annotation=summary=disk full", url});
-    EXPECT_EQ(Finish(Spawn(words, "amtool.out", "amtool.err"), 30s), 0) << ReadFile("amtool.err");
+    EXPECT_EQ(RunToEnd(words, "amtool.out", "amtool.err", 30s), 0) << ReadFile("amtool.err");
   };
   auto unchanged = [&] {
     return Metric(Curl("/metrics").body, R"(qmta_alerts_total{result="unchanged"})");

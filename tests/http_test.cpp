@@ -13,10 +13,9 @@
 namespace {
 
 using namespace std::chrono_literals;
-using qmtatest::Finish;
-using qmtatest::ReadFile;
-using qmtatest::Spawn;
+using qmtatest::RunToEnd;
 using Reply = qmtatest::HttpReply;
+std::string Read(const std::string& path) { return qmtatest::ReadFile(path); }
 class Http : public qmtatest::HttpHost {};
 
 // Events are taken or refused whole and reach the module; commands answer
@@ -61,7 +60,7 @@ TEST_F(Http, EventsCommandsMetricsAndReadiness) {
   until("qmta_backpressure_held_seconds");
   Reply busy = Curl("/v1/events", s, true, {"-D", "headers"});
   EXPECT_EQ(busy.code, 503);
-  EXPECT_NE(ReadFile("headers").find("Retry-After: 5"), std::string::npos) << ReadFile("headers");
+  EXPECT_NE(Read("headers").find("Retry-After: 5"), std::string::npos) << Read("headers");
 
   Reply drained = Curl("/v1/commands", "{\"drain\": true}\n");
   EXPECT_EQ(drained.code, 200);
@@ -137,24 +136,22 @@ TEST_F(Http, TokenTlsAndPublicAddresses) {
   if (access("/usr/bin/openssl", X_OK) != 0) GTEST_SKIP() << "openssl is missing (tools/setup)";
   dir_.Write("QMTASITR", "SITNAME=S DESTNODE=sim:N;\n");
   dir_.Write("nodes", "* sim rc=0\n");
-  pid_t refused = Spawn({QMTAHOST_PATH, "serve", "--control", "control", "--listen", "0.0.0.0:0"},
-                        "public.out", "public.err");
-  EXPECT_EQ(Finish(refused, 30s), 2);
-  EXPECT_NE(ReadFile("public.err").find("is not a loopback address"), std::string::npos);
+  EXPECT_EQ(RunToEnd({QMTAHOST_PATH, "serve", "--control", "control", "--listen", "0.0.0.0:0"},
+                "public.out", "public.err", 30s),
+            2);
+  EXPECT_NE(Read("public.err").find("is not a loopback address"), std::string::npos);
 
   dir_.Write("token", "s3cret-token\n");
   chmod("token", 0644);
-  ASSERT_EQ(Finish(Spawn({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-                          "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
-                          "/CN=qmta", "-addext", "subjectAltName=IP:127.0.0.1", "-keyout",
-                          "key.pem", "-out", "cert.pem"},
-                         "openssl.out", "openssl.err"),
-                   30s),
+  ASSERT_EQ(RunToEnd({"openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                 "-nodes", "-days", "2", "-subj", "/CN=qmta", "-addext", "subjectAltName=IP:127.0.0.1",
+                 "-keyout", "key.pem", "-out", "cert.pem"},
+                "openssl.out", "openssl.err", 30s),
             0)
-      << ReadFile("openssl.err");
+      << Read("openssl.err");
   Start({"--token-file", "token", "--tls-cert", "cert.pem", "--tls-key", "key.pem"});
   EXPECT_TRUE(base_.starts_with("https://")) << base_;
-  EXPECT_NE(ReadFile("err").find("token is readable by others"), std::string::npos);
+  EXPECT_NE(Read("err").find("token is readable by others"), std::string::npos);
   const std::vector<std::string> tls = {"--cacert", "cert.pem"};
   auto with = [&](const std::string& token) {
     std::vector<std::string> words = tls;
@@ -174,7 +171,7 @@ TEST_F(Http, TokenTlsAndPublicAddresses) {
   // Plain HTTP gets no answer from the TLS port.
   base_.replace(0, 5, "http");
   std::vector<std::string> words = {"curl", "-s", "--max-time", "10", base_ + "/healthz"};
-  EXPECT_NE(Finish(Spawn(words, "plain.out", "plain.err"), 20s), 0);
+  EXPECT_NE(RunToEnd(words, "plain.out", "plain.err", 20s), 0);
 }
 
 }  // namespace

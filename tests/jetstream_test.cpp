@@ -2,18 +2,11 @@
 // with JetStream on 127.0.0.1, two `qmtahost serve` sharing one stream and
 // consumer, events published with `qmtahost send`, one host killed with
 // SIGKILL halfway.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -23,73 +16,26 @@
 
 #include "tests/support/support.h"
 
-extern char** environ;
-
 namespace {
 
 using namespace std::chrono_literals;
 
-std::string Slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using qmtatest::FreePort;
+using qmtatest::WaitUntil;
+using qmtatest::ReadFile;
 
-bool WaitUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit) {
-  auto end = std::chrono::steady_clock::now() + limit;
-  while (!ready()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(20ms);
-  }
-  return true;
-}
-
-// A child process with standard input, output and error from and to files.
-struct Process {
-  pid_t pid = -1;
-  Process(std::vector<std::string> words, const std::string& in, const std::string& out,
-          const std::string& err) {
-    std::vector<char*> argv;
-    for (auto& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_addopen(&files, 0, in.c_str(), O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    EXPECT_EQ(0, posix_spawn(&pid, argv[0], &files, nullptr, argv.data(), environ)) << words[0];
-    posix_spawn_file_actions_destroy(&files);
-  }
-  ~Process() { Kill(SIGKILL); }
-  // The exit status; -1 when killed by a signal or still running after `limit`.
-  int Wait(std::chrono::milliseconds limit) {
-    int raw = 0;
-    if (pid < 0 || !WaitUntil([&] { return waitpid(pid, &raw, WNOHANG) == pid; }, limit)) return -1;
-    pid = -1;
-    return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-  }
-  void Kill(int signal) {
-    if (pid < 0) return;
-    kill(pid, signal);
-    if (signal == SIGKILL) Wait(10s);
-  }
-};
-
-int FreePort() {
-  int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
-  close(probe);
-  return ntohs(address.sin_port);
+// A program started with standard input, output and error from and to files.
+std::unique_ptr<qmtatest::Child> Start(std::vector<std::string> words, const std::string& in,
+                                       const std::string& out, const std::string& err) {
+  auto child = std::make_unique<qmtatest::Child>();
+  EXPECT_TRUE(child->Spawn(words, out, err, in)) << words[0];
+  return child;
 }
 
 // How often each sequence number appears in the QMTA041I lines of `path`
 // (the rule's command is `job "SEQ"`).
 void CountCommands(const std::string& path, std::map<int, int>* seen, int* lines) {
-  std::istringstream text(Slurp(path));
+  std::istringstream text(ReadFile(path));
   const std::string prefix = "QMTA041I CMD=job \"";
   for (std::string line; std::getline(text, line);) {
     if (!line.starts_with(prefix) || !line.ends_with("\"")) continue;
@@ -123,24 +69,22 @@ TEST(JetStream, HostsShareAStreamAndAKilledHostsEventsGoToTheOther) {
     events += R"({"sitname": "Js", "originnode": "o", "currstate": 1, "attributes": [["Seq", ")" +
               std::to_string(i) + "\"]]}\n";
   scratch.Write("events", events);
-  Process nats({server, "-c", dir + "/server.conf"}, "/dev/null", dir + "/nats.out", dir + "/nats.err");
+  auto nats = Start({server, "-c", dir + "/server.conf"}, "/dev/null", dir + "/nats.out", dir + "/nats.err");
 
   auto host = [&](const std::string& name) {
-    return std::make_unique<Process>(
-        std::vector<std::string>{QMTAHOST_PATH, "serve", "--control", dir + "/" + name + ".sock",
-                                 "--dir", dir, "--nodes", dir + "/nodes", "--events-nats", url,
-                                 "--events-stream", "EVENTS", "--events-subject", "qmta.events",
-                                 "--events-user", "qmta", "--events-password-file",
-                                 dir + "/password", "--events-ack-wait", "2",
-                                 "--events-max-pending", std::to_string(kMaxPending)},
+    return Start(
+        {QMTAHOST_PATH, "serve", "--control", dir + "/" + name + ".sock", "--dir", dir, "--nodes",
+         dir + "/nodes", "--events-nats", url, "--events-stream", "EVENTS", "--events-subject",
+         "qmta.events", "--events-user", "qmta", "--events-password-file", dir + "/password",
+         "--events-ack-wait", "2", "--events-max-pending", std::to_string(kMaxPending)},
         "/dev/null", dir + "/" + name + ".out", dir + "/" + name + ".err");
   };
   auto a = host("a");
   auto b = host("b");
   for (const char* name : {"a", "b"})
-    ASSERT_TRUE(WaitUntil([&] { return Slurp(dir + "/" + name + ".err").find("taking events") !=
+    ASSERT_TRUE(WaitUntil([&] { return ReadFile(dir + "/" + name + ".err").find("taking events") !=
                                        std::string::npos; }, 20s))
-        << Slurp(dir + "/" + name + ".err") << Slurp(dir + "/nats.err");
+        << ReadFile(dir + "/" + name + ".err") << ReadFile(dir + "/nats.err");
 
   // Two messages that are not events, published without the checks of `send`.
   natsConnection* client = nullptr;
@@ -150,21 +94,21 @@ TEST(JetStream, HostsShareAStreamAndAKilledHostsEventsGoToTheOther) {
   natsConnection_Flush(client);
   natsConnection_Destroy(client);
 
-  ASSERT_TRUE(WaitUntil([&] { std::string said = Slurp(dir + "/a.err") + Slurp(dir + "/b.err");
+  ASSERT_TRUE(WaitUntil([&] { std::string said = ReadFile(dir + "/a.err") + ReadFile(dir + "/b.err");
                               return said.find("bad JSON") != std::string::npos &&
                                      said.find("not an event") != std::string::npos; }, 10s));
   // The events wait in the stream while the hosts are stopped, so that both
   // then work at full speed, each with a full window of unacknowledged
   // events when host a is killed.
-  kill(a->pid, SIGSTOP);
-  kill(b->pid, SIGSTOP);
-  Process send({QMTAHOST_PATH, "send", "--nats", url, "--user", "qmta", "--password-file",
-                dir + "/password", "-"},
-               dir + "/events", dir + "/send.out", dir + "/send.err");
-  EXPECT_EQ(send.Wait(40s), 0) << Slurp(dir + "/send.err");
+  kill(a->pid(), SIGSTOP);
+  kill(b->pid(), SIGSTOP);
+  auto send = Start({QMTAHOST_PATH, "send", "--nats", url, "--user", "qmta", "--password-file",
+                     dir + "/password", "-"},
+                    dir + "/events", dir + "/send.out", dir + "/send.err");
+  EXPECT_EQ(send->Wait(40s), 0) << ReadFile(dir + "/send.err");
   const auto start = std::chrono::steady_clock::now();
-  kill(a->pid, SIGCONT);
-  kill(b->pid, SIGCONT);
+  kill(a->pid(), SIGCONT);
+  kill(b->pid(), SIGCONT);
   auto tally = [&](std::map<int, int>* seen, int* lines, bool withA = true) {
     if (withA) CountCommands(dir + "/a.out", seen, lines);
     CountCommands(dir + "/b.out", seen, lines);
@@ -177,7 +121,7 @@ TEST(JetStream, HostsShareAStreamAndAKilledHostsEventsGoToTheOther) {
   WaitUntil([&] { seen.clear(); lines = 0; tally(&seen, &lines);
                   return static_cast<int>(seen.size()) == kEvents; }, 40s);
   b->Kill(SIGTERM);
-  EXPECT_EQ(b->Wait(20s), 0) << Slurp(dir + "/b.err");
+  EXPECT_EQ(b->Wait(20s), 0) << ReadFile(dir + "/b.err");
   seen.clear();
   lines = 0;
   tally(&seen, &lines);
@@ -190,14 +134,14 @@ TEST(JetStream, HostsShareAStreamAndAKilledHostsEventsGoToTheOther) {
          "%d handled twice (limit %d)\n", kEvents,
          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), linesA,
          linesB, duplicates, kMaxPending);
-  EXPECT_EQ(static_cast<int>(seen.size()), kEvents) << Slurp(dir + "/a.err") << Slurp(dir + "/b.err");
+  EXPECT_EQ(static_cast<int>(seen.size()), kEvents) << ReadFile(dir + "/a.err") << ReadFile(dir + "/b.err");
   EXPECT_LE(duplicates, kMaxPending);
   EXPECT_GT(linesA, 0);
   EXPECT_GT(linesB, 0);
 
   // Each refused message was said once, by one host: terminated, never
   // redelivered (the ack wait passed many times meanwhile).
-  const std::string said = Slurp(dir + "/a.err") + Slurp(dir + "/b.err");
+  const std::string said = ReadFile(dir + "/a.err") + ReadFile(dir + "/b.err");
   auto times = [&](const std::string& text) {
     size_t n = 0;
     for (size_t at = said.find(text); at != std::string::npos; at = said.find(text, at + 1)) ++n;
@@ -206,13 +150,13 @@ TEST(JetStream, HostsShareAStreamAndAKilledHostsEventsGoToTheOther) {
   EXPECT_EQ(times("refused: not an event"), 1u) << said;
   EXPECT_EQ(times("refused: bad JSON"), 1u) << said;
 
-  Process lost({QMTAHOST_PATH, "send", "--nats", url, "--subject", "nowhere", "--user", "qmta",
-                "--password-file", dir + "/password",
-                R"({"sitname": "Js", "originnode": "o", "currstate": 1})"},
-               "/dev/null", dir + "/lost.out", dir + "/lost.err");
-  EXPECT_EQ(lost.Wait(20s), 1);
-  EXPECT_NE(Slurp(dir + "/lost.err").find("event 1 not acknowledged: no stream takes"),
-            std::string::npos) << Slurp(dir + "/lost.err");
+  auto lost = Start({QMTAHOST_PATH, "send", "--nats", url, "--subject", "nowhere", "--user", "qmta",
+                     "--password-file", dir + "/password",
+                     R"({"sitname": "Js", "originnode": "o", "currstate": 1})"},
+                    "/dev/null", dir + "/lost.out", dir + "/lost.err");
+  EXPECT_EQ(lost->Wait(20s), 1);
+  EXPECT_NE(ReadFile(dir + "/lost.err").find("event 1 not acknowledged: no stream takes"),
+            std::string::npos) << ReadFile(dir + "/lost.err");
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -27,58 +26,25 @@ using namespace std::chrono_literals;
 using Words = std::vector<std::string>;
 using qmta::host::SplitCommand;
 
+// Every word of a command, or its error.
 Words Split(const std::string& command) {
   Words words;
   std::string error;
-  EXPECT_TRUE(SplitCommand(command, &words, &error)) << command << ": " << error;
-  return words;
+  return qmta::host::SplitCommand(command, &words, &error) ? words : Words{"error: " + error};
 }
 
 TEST(LocalSplit, DoubleQuotesGroupAndNothingElseIsSpecial) {
-  EXPECT_EQ(Split("job \"a b\" c"), (Words{"job", "a b", "c"}));
-  EXPECT_EQ(Split("  job\t\"\"  x  "), (Words{"job", "", "x"}));
-  EXPECT_EQ(Split("job a\"b c\"d"), (Words{"job", "ab cd"}));
-  EXPECT_EQ(Split("job \"a\tb\""), (Words{"job", "a\tb"}));
-  EXPECT_EQ(Split("job \"$(touch x)\" `id` a;b ../x $HOME * 'q r' a\\ b"),
-            (Words{"job", "$(touch x)", "`id`", "a;b", "../x", "$HOME", "*", "'q", "r'",
-                   "a\\", "b"}));
-  EXPECT_EQ(Split("job \"a\\\" b"), (Words{"job", "a\\", "b"}));
-  EXPECT_EQ(Split(""), Words{});
-  EXPECT_EQ(Split("\"\""), Words{""});
-
-  Words words;
-  std::string error;
-  EXPECT_FALSE(SplitCommand("job \"open", &words, &error));
-  EXPECT_EQ(error, "a double quote is not closed");
-  EXPECT_FALSE(SplitCommand(std::string("job \"a\0b\"", 10), &words, &error));
-  EXPECT_EQ(error, "the command holds a NUL character");
-  for (const char* control : {"job \"line\none\"", "job \x1b[2J", "job \x7f"}) {
-    EXPECT_FALSE(SplitCommand(control, &words, &error)) << control;
-    EXPECT_EQ(error, "the command holds a control character");
-  }
-}
-
-TEST(LocalSplit, ProgramNamesAndOptions) {
-  for (const char* good : {"job", "run-it_2", "a.b"})
-    EXPECT_TRUE(qmta::host::ValidProgramName(good)) << good;
-  for (const std::string& bad : Words{"", ".", "..", ".hidden", "../x", "a/b", "/bin/sh",
-                                      std::string(256, 'a')})
-    EXPECT_FALSE(qmta::host::ValidProgramName(bad)) << bad;
-
-  qmta::host::LocalSettings settings;
-  std::string error;
-  EXPECT_EQ(settings.timeout, 50s);
-  EXPECT_EQ(settings.maxRunning, 64);
-  ASSERT_TRUE(qmta::host::ParseLocalOptions({"timeout=1", "max=3"}, &settings, &error));
-  EXPECT_EQ(settings.timeout, 1s);
-  EXPECT_EQ(settings.maxRunning, 3);
-  for (const Words& bad : {Words{"timeout=0"}, Words{"timeout=1.5"}, Words{"timeout"},
-                           Words{"max=0"}, Words{"max=5000"}, Words{"max=x"},
-                           Words{"timeout=1", "timeout=2"}, Words{"fast"}}) {
-    error.clear();
-    EXPECT_FALSE(qmta::host::ParseLocalOptions(bad, &settings, &error)) << bad[0];
-    EXPECT_TRUE(error.starts_with("local: ")) << error;
-  }
+  const std::pair<std::string, Words> cases[] = {
+      {"job \"a b\" c", {"job", "a b", "c"}}, {"  job\t\"\"  x  ", {"job", "", "x"}}, {"job a\"b c\"d", {"job", "ab cd"}},
+      {"job \"a\tb\"", {"job", "a\tb"}}, {"job \"a\\\" b", {"job", "a\\", "b"}}, {"", {}}, {"\"\"", {""}},
+      {"job \"$(touch x)\" `id` a;b ../x $HOME * 'q r' a\\ b",
+       {"job", "$(touch x)", "`id`", "a;b", "../x", "$HOME", "*", "'q", "r'", "a\\", "b"}},
+      {"job \"open", {"error: a double quote is not closed"}},
+      {std::string("job \"a\0b\"", 10), {"error: the command holds a NUL character"}},
+      {"job \"line\none\"", {"error: the command holds a control character"}},
+      {"job \x1b[2J", {"error: the command holds a control character"}},
+      {"job \x7f", {"error: the command holds a control character"}}};
+  for (const auto& [command, words] : cases) EXPECT_EQ(Split(command), words) << command;
 }
 
 // A completion that the test can wait on and close. The local driver only
@@ -130,12 +96,7 @@ class LocalRun : public ::testing::Test {
                                         const std::string& command,
                                         const std::string& node = "NODE1") {
     auto done = std::make_shared<TestCompletion>();
-    qmta::host::Action action;
-    action.requestId = id;
-    action.command = command;
-    action.callType = 5;
-    action.destination = node;
-    driver.Start(action, done);
+    driver.Start(qmta::host::Action{id, command, 5, node}, done);
     return done;
   }
   int32_t Run(const std::string& command, const Words& options = {}) {
@@ -147,15 +108,15 @@ class LocalRun : public ::testing::Test {
   std::string actions_;
 };
 
-TEST_F(LocalRun, RefusedAndUnrunnablePrograms) {
+TEST_F(LocalRun, RefusedAndUnrunnableProgramsAndBoundedOutput) {
   Script("plain", "exit 0", 0644);
   Script(".hidden", "exit 0");
   std::filesystem::create_directory(actions_ + "/sub");
   std::ofstream(actions_ + "/garbage") << "\x7f" "ELF not really\n";
   chmod((actions_ + "/garbage").c_str(), 0755);
+  Script("noisy", "head -c 5000 /dev/zero | tr '\\0' a\necho\nprintf 'bell\\007\\n'\nyes | head -n 100000\necho done >&2");
   qmtatest::StdoutCapture err(2);
-  for (const char* command : {"../actions/plain", ".hidden", "plain", "sub", "\"\" x", "",
-                              "job \"open"})
+  for (const char* command : {"../actions/plain", ".hidden", "plain", "sub", "\"\" x", "", "job \"open"})
     EXPECT_EQ(Run(command), 127) << command;
   EXPECT_EQ(Run("garbage"), 126);
   Words lines = err.TakeLines();
@@ -163,6 +124,15 @@ TEST_F(LocalRun, RefusedAndUnrunnablePrograms) {
   EXPECT_EQ(lines[2], "[9] refused \"plain\": not an executable file");
   EXPECT_EQ(lines[6], "[9] refused: a double quote is not closed");
   EXPECT_TRUE(lines[7].starts_with("[9] cannot run \"garbage\": ")) << lines[7];
+  // Lines are cut at 1024 characters, control characters shown as '?', and
+  // an action's output is dropped beyond its bound.
+  EXPECT_EQ(Run("noisy"), 0);
+  lines = err.TakeLines();
+  ASSERT_GE(lines.size(), 4u);
+  EXPECT_EQ(lines[0], "[9] " + std::string(1024, 'a') + " [line cut]");
+  EXPECT_EQ(lines[1], "[9] bell?");
+  EXPECT_NE(std::find(lines.begin(), lines.end(), "[9] [further output dropped]"), lines.end());
+  EXPECT_LT(lines.size(), 40000u);
 }
 
 TEST_F(LocalRun, SignalsTimeoutsAndClose) {
@@ -172,25 +142,18 @@ TEST_F(LocalRun, SignalsTimeoutsAndClose) {
   Script("leaver", "sleep 30 &\necho $! > leftover");
   qmtatest::StdoutCapture err(2);
   EXPECT_EQ(Run("selfkill"), 128 + SIGUSR1);
-
   auto begin = std::chrono::steady_clock::now();
   EXPECT_EQ(Run("hang", {"timeout=1"}), 128 + SIGTERM);
   EXPECT_EQ(Run("stubborn", {"timeout=1"}), 128 + SIGKILL);
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 8s);
-
   // Whatever the program leaves in its group ends with it.
   EXPECT_EQ(Run("leaver"), 0);
-  pid_t leftover = 0;
-  std::ifstream(dir_.path() + "/leftover") >> leftover;
-  bool gone = false;
-  for (int i = 0; i < 200 && !gone; ++i) {
-    std::ifstream stat("/proc/" + std::to_string(leftover) + "/stat");
-    std::string pid, name, state;
-    gone = !(stat >> pid >> name >> state) || state == "Z";
-    if (!gone) std::this_thread::sleep_for(10ms);
-  }
-  EXPECT_TRUE(gone);
-
+  std::string pid = qmtatest::ReadFile(dir_.path() + "/leftover");
+  pid = pid.substr(0, pid.find('\n'));
+  EXPECT_TRUE(qmtatest::WaitUntil([&] {
+    std::string stat = qmtatest::ReadFile("/proc/" + pid + "/stat");
+    return stat.empty() || stat.find(") Z ") != std::string::npos;
+  }, 2s)) << pid;
   // A closed request ends its program at once; its outcome goes nowhere.
   auto driver = Driver();
   auto done = Start(*driver, 4, "hang");
@@ -200,29 +163,13 @@ TEST_F(LocalRun, SignalsTimeoutsAndClose) {
   EXPECT_TRUE(qmta::host::WaitForLocalRunners(5s));
   EXPECT_LT(std::chrono::steady_clock::now() - begin, 3s);
   EXPECT_EQ(done->Code(10ms), -1);
-
   Words lines = err.TakeLines();
-  EXPECT_NE(std::find(lines.begin(), lines.end(), "[9] timed out after 1 s; ending the program"),
-            lines.end());
-  EXPECT_NE(std::find(lines.begin(), lines.end(), "[4] request closed; ending the program"),
-            lines.end());
+  for (const char* said : {"[9] timed out after 1 s; ending the program", "[4] request closed; ending the program"})
+    EXPECT_NE(std::find(lines.begin(), lines.end(), said), lines.end()) << said;
 }
 
-TEST_F(LocalRun, OutputIsBoundedAndNeverWaitsForStandardError) {
-  Script("noisy", "head -c 5000 /dev/zero | tr '\\0' a\necho\nprintf 'bell\\007\\n'\n"
-                  "yes | head -n 100000\necho done >&2");
+TEST_F(LocalRun, OutputNeverWaitsForStandardError) {
   Script("count", "seq 1 10000");
-  {
-    qmtatest::StdoutCapture err(2);
-    EXPECT_EQ(Run("noisy"), 0);
-    Words lines = err.TakeLines();
-    ASSERT_GE(lines.size(), 4u);
-    EXPECT_EQ(lines[0], "[9] " + std::string(1024, 'a') + " [line cut]");
-    EXPECT_EQ(lines[1], "[9] bell?");
-    EXPECT_NE(std::find(lines.begin(), lines.end(), "[9] [further output dropped]"), lines.end());
-    EXPECT_LT(lines.size(), 40000u);
-  }
-
   // Standard error a small pipe that nobody reads until the action has
   // ended: its lines are dropped rather than waited for, and counted.
   int blocked[2];
@@ -284,13 +231,10 @@ TEST_F(LocalRun, ManyActionsLeaveNoProcessDescriptorOrThread) {
   for (auto& [done, code] : started) EXPECT_EQ(done->Code(), code);
   ASSERT_TRUE(qmta::host::WaitForLocalRunners(10s));
   siginfo_t info = {};
-  EXPECT_EQ(waitid(P_ALL, 0, &info, WEXITED | WNOHANG), -1);
-  EXPECT_EQ(errno, ECHILD);
+  EXPECT_EQ(std::make_pair(waitid(P_ALL, 0, &info, WEXITED | WNOHANG), errno), std::make_pair(-1, ECHILD));
   EXPECT_EQ(CountEntries("/proc/self/fd"), fdsBefore);
   // Detached runner threads may take a moment to leave after the count.
-  for (int i = 0; i < 200 && CountEntries("/proc/self/task") > threadsBefore; ++i)
-    std::this_thread::sleep_for(10ms);
-  EXPECT_EQ(CountEntries("/proc/self/task"), threadsBefore);
+  EXPECT_TRUE(qmtatest::WaitUntil([&] { return CountEntries("/proc/self/task") == threadsBefore; }, 2s));
 }
 
 }  // namespace

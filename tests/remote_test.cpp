@@ -5,10 +5,8 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -22,6 +20,7 @@
 #include <gtest/gtest.h>
 #include <nats/nats.h>
 
+#include "host/drivers/nats/wire.h"
 #include "tests/support/support.h"
 
 extern char** environ;
@@ -31,24 +30,13 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 using Lines = std::vector<std::string>;
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
-}
+using qmtatest::Child;
+using qmtatest::ReadFile;
+using qmtatest::WaitUntil;
+namespace wire = qmta::host::wire;
 
 bool Contains(const std::string& path, const std::string& text) {
   return ReadFile(path).find(text) != std::string::npos;
-}
-
-// Polls `ready` every 10 ms until it holds or `limit` passes.
-bool WaitUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit) {
-  auto end = Clock::now() + limit;
-  while (!ready()) {
-    if (Clock::now() > end) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
 }
 
 std::string ProgramIn(const char* name) {
@@ -66,62 +54,6 @@ sockaddr_in Loopback(int port) {
   address.sin_port = htons(static_cast<uint16_t>(port));
   return address;
 }
-
-// A child process with standard output and error in files.
-class Child {
- public:
-  ~Child() { Kill(SIGKILL); }
-  bool Spawn(std::vector<std::string> words, const std::string& out, const std::string& err,
-             bool pipeInput = false) {
-    std::vector<char*> argv;
-    for (auto& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    int input[2] = {-1, -1};
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    if (pipeInput && pipe2(input, O_CLOEXEC) == 0) {
-      posix_spawn_file_actions_adddup2(&files, input[0], 0);
-    } else {
-      posix_spawn_file_actions_addopen(&files, 0, "/dev/null", O_RDONLY, 0);
-    }
-    posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int failed = posix_spawn(&pid_, argv[0], &files, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&files);
-    if (input[0] >= 0) close(input[0]);
-    input_ = input[1];
-    if (failed) pid_ = -1;
-    return !failed;
-  }
-  void Send(const std::string& text) {
-    ASSERT_EQ(write(input_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-  // Closes the input and waits (bounded) for the exit; the exit status, or
-  // -1 when it had to be killed.
-  int Finish(std::chrono::milliseconds limit = 20s) {
-    if (input_ >= 0) close(input_);
-    input_ = -1;
-    if (pid_ < 0) return -1;
-    int status = 0;
-    bool ended = WaitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, limit);
-    if (!ended) {
-      kill(pid_, SIGKILL);
-      waitpid(pid_, &status, 0);
-    }
-    pid_ = -1;
-    return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  pid_t pid() const { return pid_; }
-  void Kill(int signal) {
-    if (pid_ < 0) return;
-    kill(pid_, signal);
-    if (signal == SIGKILL) Finish();
-  }
-
- private:
-  pid_t pid_ = -1;
-  int input_ = -1;
-};
 
 // nats-server on 127.0.0.1 and a free port, with a configuration file.
 class Server {
@@ -279,7 +211,7 @@ class Remote : public ::testing::Test {
     Write("nodes", nodes);
     std::vector<std::string> words = {QMTAHOST_PATH, "--dir", dir_.path(), "--nodes", Path("nodes")};
     words.insert(words.end(), args.begin(), args.end());
-    ASSERT_TRUE(host.Spawn(words, Path("host.out"), Path("host.err"), true));
+    ASSERT_TRUE(host.Spawn(words, Path("host.out"), Path("host.err"), "/dev/null", true));
   }
   Lines Out() const { return qmtatest::SplitLines(ReadFile(Path("host.out"))); }
   Lines Matching(const std::string& prefix) const {
@@ -676,6 +608,84 @@ TEST(RemoteAgent, HelpAndUsageErrors) {
     EXPECT_TRUE(Contains(dir.path() + (c.status ? "/err" : "/out"), c.text))
         << c.text << "\n" << ReadFile(dir.path() + "/err");
   }
+}
+
+TEST(NatsWire, SubjectsAreDistinctValidAndReversible) {
+  const std::string names[] = {"web1:LZ", "web1_3ALZ", "web1.LZ", "web1*LZ", "web1>LZ",
+                               "web1 LZ", "web1\tLZ", "", "_", "a_", "-", std::string("\xff\x01", 2),
+                               "SYS1:MVS_ACTIONS"};
+  std::set<std::string> subjects;
+  for (const std::string& name : names) {
+    std::string subject = wire::NodeSubject(name);
+    EXPECT_TRUE(subjects.insert(subject).second) << subject;
+    // One token after the prefix, of characters every subject token may hold.
+    std::string token = subject.substr(wire::kSubjectPrefix.size());
+    EXPECT_FALSE(token.empty());
+    EXPECT_EQ(token.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-"),
+              std::string::npos) << subject;
+    std::string back;
+    EXPECT_TRUE(wire::SubjectNode(subject, &back)) << subject;
+    EXPECT_EQ(back, name);
+  }
+  EXPECT_EQ(wire::NodeSubject("web1:LZ"), "qmta.node.web1_3ALZ");
+  std::string node;
+  for (const char* bad : {"qmta.node.", "qmta.node.a_3", "qmta.node._61", "qmta.node.a_zz",
+                          "qmta.node.a.b", "other.web1"})
+    EXPECT_FALSE(wire::SubjectNode(bad, &node)) << bad;
+}
+
+TEST(NatsWire, RequestsCarryAnyBytesAndRejectAnythingElse) {
+  wire::Request request{4294967295u, -7, "n:1 \"x\"\n", std::string("job \"$(a)\"\n\xfe;`b`")};
+  std::string data = wire::EncodeRequest(request);
+  wire::Request back;
+  std::string error;
+  ASSERT_TRUE(wire::DecodeRequest(data, &back, &error)) << error;
+  EXPECT_EQ(std::tie(back.id, back.callType, back.node, back.command),
+            std::tie(request.id, request.callType, request.node, request.command));
+
+  const std::string bad[] = {
+      "", "QMTA1 REQ 1 0 1 1\nab\n",  // longer than its header says
+      "QMTA1 REQ 1 0 1 2\nab",        // shorter
+      "QMTA1 REQ 1 0 1 1 \nab", "QMTA1 REQ -1 0 1 1\nab", "QMTA1 REQ 1 0 +1 1\nab",
+      "QMTA1 REQ 4294967296 0 1 1\nab", "QMTA2 REQ 1 0 1 1\nab", "QMTA1 RC 1 0 1 1\nab",
+      "QMTA1 REQ 1 0 2000 0\n" + std::string(2000, 'n'), std::string("QMTA1 REQ 1 0 1 1\na\0", 20)};
+  for (const std::string& text : bad) EXPECT_FALSE(wire::DecodeRequest(text, &back, &error)) << text;
+}
+
+TEST(NatsWire, RepliesCarryCodesOrAStatus) {
+  wire::Reply rows{9, false, 0, {0, -1, 2147483647}}, none{10, false, 0, {}}, failed{11, true, 2020, {}};
+  for (const wire::Reply& reply : {rows, none, failed}) {
+    wire::Reply back;
+    std::string error;
+    ASSERT_TRUE(wire::DecodeReply(wire::EncodeReply(reply), &back, &error)) << error;
+    EXPECT_EQ(std::tie(back.id, back.failed, back.status, back.codes),
+              std::tie(reply.id, reply.failed, reply.status, reply.codes));
+  }
+  EXPECT_EQ(wire::EncodeReply(rows), "QMTA1 RC 9 0 -1 2147483647");
+  wire::Reply back;
+  std::string error;
+  for (const char* text : {"QMTA1 RC", "QMTA1 RC 1 2147483648", "QMTA1 RC 1  2", "QMTA1 RC 1 2 ",
+                           "QMTA1 STATUS 1", "QMTA1 STATUS 1 2 3", "QMTA1 OK 1", "qmta1 RC 1"})
+    EXPECT_FALSE(wire::DecodeReply(text, &back, &error)) << text;
+}
+
+TEST(NatsWire, CancelsAndTimesLeftAreReadStrictly) {
+  EXPECT_EQ(wire::CancelSubject("web1:LZ"), "qmta.node.web1_3ALZ.cancel");
+  std::string node;
+  EXPECT_FALSE(wire::SubjectNode(wire::CancelSubject("web1:LZ"), &node));  // never a node's subject
+  wire::Cancel cancel{4294967295u, "_INBOX.abc.12"}, back;
+  std::string error;
+  ASSERT_TRUE(wire::DecodeCancel(wire::EncodeCancel(cancel), &back, &error)) << error;
+  EXPECT_EQ(std::tie(back.id, back.reply), std::tie(cancel.id, cancel.reply));
+  for (const std::string& text : std::vector<std::string>{"QMTA1 CANCEL 1", "QMTA1 CANCEL 1 a b",
+                                                          "QMTA1 CANCEL -1 a", "QMTA1 CANCEL 1 a\n",
+                                                          "QMTA1 CANCEL 1 " + std::string(256, 'a')})
+    EXPECT_FALSE(wire::DecodeCancel(text, &back, &error)) << text;
+  int64_t ms = -1;
+  EXPECT_TRUE(wire::DecodeTimeLeft("0", &ms) && ms == 0);
+  EXPECT_TRUE(wire::DecodeTimeLeft("86400000", &ms) && ms == 86400000);
+  for (const char* text : {"", "-1", "86400001", "1.5", " 1", "1s"})
+    EXPECT_FALSE(wire::DecodeTimeLeft(text, &ms)) << text;
 }
 
 }  // namespace

@@ -3,9 +3,7 @@
 // the intake check on event text.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,66 +13,26 @@
 #include <regex>
 #include <thread>
 
-#include <iostream>
-
 #include <gtest/gtest.h>
 
 #include "tests/support/support.h"
-
-extern char** environ;
 
 namespace {
 
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
-// A qmtahost process; standard input, output and error are files of the
-// scratch directory unless other descriptors are given.
-struct Process {
-  pid_t pid = -1;
-  int status = -1;  // exit status once Wait returned true; -1: killed by a signal
+using qmtatest::Child;
 
-  Process(const std::vector<std::string>& args, const std::string& in, const std::string& out,
-          const std::string& err, int outFd = -1) {
-    std::vector<std::string> words = {QMTAHOST_PATH};
-    words.insert(words.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (auto& word : words) argv.push_back(word.data());
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t files;
-    posix_spawn_file_actions_init(&files);
-    posix_spawn_file_actions_addopen(&files, 0, in.c_str(), O_RDONLY, 0);
-    if (outFd >= 0)
-      posix_spawn_file_actions_adddup2(&files, outFd, 1);
-    else if (out == "-")
-      posix_spawn_file_actions_addclose(&files, 1);
-    else
-      posix_spawn_file_actions_addopen(&files, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&files, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    EXPECT_EQ(0, posix_spawn(&pid, argv[0], &files, nullptr, argv.data(), environ));
-    posix_spawn_file_actions_destroy(&files);
-  }
-  ~Process() {
-    if (pid > 0 && !Wait(0s)) {
-      kill(pid, SIGKILL);
-      Wait(10s);
-    }
-  }
-  bool Wait(std::chrono::milliseconds limit) {
-    auto end = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-      int raw = 0;
-      pid_t done = waitpid(pid, &raw, WNOHANG);
-      if (done == pid) {
-        status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-        pid = -1;
-        return true;
-      }
-      if (done < 0 || std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::sleep_for(5ms);
-    }
-  }
-};
+// Runs qmtahost with `args`; standard input, output and error are files of
+// the scratch directory (the test's working directory) unless named.
+std::unique_ptr<Child> Host(std::vector<std::string> args, const std::string& out = "out",
+                            const std::string& err = "err") {
+  args.insert(args.begin(), QMTAHOST_PATH);
+  auto host = std::make_unique<Child>();
+  EXPECT_TRUE(host->Spawn(args, out, err, "empty"));
+  return host;
+}
 
 class Serve : public ::testing::Test {
  protected:
@@ -92,9 +50,9 @@ class Serve : public ::testing::Test {
     return qmtatest::SplitLines(std::string(std::istreambuf_iterator<char>(in), {}));
   }
   // Starts `qmtahost serve` and waits until its control socket answers.
-  std::unique_ptr<Process> StartServe(std::vector<std::string> args = {}) {
+  std::unique_ptr<Child> StartServe(std::vector<std::string> args = {}) {
     args.insert(args.begin(), {"serve", "--control", socket_, "--nodes", "nodes"});
-    auto host = std::make_unique<Process>(args, "empty", "out", "err");
+    auto host = Host(args);
     for (int i = 0; i < 500 && Ctl({"DISPLAY"}).status != 0; ++i) std::this_thread::sleep_for(10ms);
     return host;
   }
@@ -105,9 +63,8 @@ class Serve : public ::testing::Test {
   CtlResult Ctl(const Lines& lines) {
     std::vector<std::string> args = {"ctl", "--control", socket_};
     args.insert(args.end(), lines.begin(), lines.end());
-    Process ctl(args, "empty", "ctl.out", "ctl.err");
-    EXPECT_TRUE(ctl.Wait(30s));
-    return {ctl.status, Read("ctl.out"), Read("ctl.err")};
+    const int status = Host(args, "ctl.out", "ctl.err")->Finish(30s);
+    return {status, Read("ctl.out"), Read("ctl.err")};
   }
   size_t Count(const Lines& lines, const std::string& prefix) {
     return std::count_if(lines.begin(), lines.end(),
@@ -147,7 +104,7 @@ TEST_F(Serve, ControlSocketCtlAndCheckedReloads) {
   CtlResult reload = Ctl({R"({"reload": true})"});
   EXPECT_EQ(reload.status, 1);
   ASSERT_EQ(reload.err.size(), 1u);
-  ASSERT_EQ(0, kill(host->pid, SIGHUP));
+  ASSERT_EQ(0, kill(host->pid(), SIGHUP));
   std::this_thread::sleep_for(300ms);
   Lines rules(display.out.begin(), display.out.end() - 1);  // the stack sizes move
   Lines now = Ctl({"DISPLAY"}).out;
@@ -159,13 +116,12 @@ TEST_F(Serve, ControlSocketCtlAndCheckedReloads) {
                                "QMTA090I QMTASITR REFRESHED.  STATUS=0"}));
   // A good file by SIGHUP.
   Write("QMTASITR", "SITNAME=U DESTNODE=sim:N;\n");
-  ASSERT_EQ(0, kill(host->pid, SIGHUP));
+  ASSERT_EQ(0, kill(host->pid(), SIGHUP));
   std::this_thread::sleep_for(300ms);
   EXPECT_EQ(Count(Ctl({"DISPLAY"}).out, "QMTA095I IF SITNAME=U "), 1u);
 
-  ASSERT_EQ(0, kill(host->pid, SIGTERM));
-  ASSERT_TRUE(host->Wait(30s));
-  EXPECT_EQ(host->status, 0);
+  ASSERT_EQ(0, kill(host->pid(), SIGTERM));
+  EXPECT_EQ(host->Wait(30s), 0);
   EXPECT_EQ(Ctl({"DISPLAY"}).status, 2);  // nobody answers any more
   EXPECT_FALSE(std::filesystem::exists(socket_));
 }
@@ -187,7 +143,7 @@ TEST_F(Serve, StopWaitsForEveryOutcomeAndEndsGivenUpPrograms) {
   for (int i = 0; i < 300 && Read("hang.pid").empty(); ++i) std::this_thread::sleep_for(10ms);
   ASSERT_EQ(Read("hang.pid").size(), 1u);
   pid_t program = std::stoi(Read("hang.pid")[0]);
-  ASSERT_EQ(0, kill(host->pid, SIGTERM));
+  ASSERT_EQ(0, kill(host->pid(), SIGTERM));
   // Events are refused once it stops (an event that matches no rule probes
   // until then), and soon nobody answers.
   CtlResult late;
@@ -201,8 +157,7 @@ TEST_F(Serve, StopWaitsForEveryOutcomeAndEndsGivenUpPrograms) {
   } else {
     EXPECT_EQ(late.status, 2);
   }
-  ASSERT_TRUE(host->Wait(30s));
-  EXPECT_EQ(host->status, 0);
+  EXPECT_EQ(host->Wait(30s), 0);
   Lines out = Read("out");
   EXPECT_EQ(Count(out, "QMTA040I"), 2u);
   EXPECT_EQ(Count(out, "QMTA050I ACTION COMPLETED FOR SITNAME=Quick"), 1u);
@@ -223,27 +178,22 @@ TEST_F(Serve, StandardOutputErrorsStopTheHost) {
   for (int i = 0; i < 2000; ++i) events += R"({"sitname": "S", "originnode": "n", "currstate": 1})" "\n";
   Write("events", events);
   {
-    Process full({"--nodes", "nodes", "events"}, "empty", "/dev/full", "err");
-    ASSERT_TRUE(full.Wait(60s));
-    EXPECT_EQ(full.status, 1);
+    EXPECT_EQ(Host({"--nodes", "nodes", "events"}, "/dev/full")->Wait(60s), 1);
     EXPECT_EQ(Count(Read("err"), "qmtahost: standard output: No space left on device"), 1u);
   }
   {
-    Process closed({"--nodes", "nodes", "events"}, "empty", "-", "err");
-    ASSERT_TRUE(closed.Wait(30s));
-    EXPECT_EQ(closed.status, 1);
+    EXPECT_EQ(Host({"--nodes", "nodes", "events"}, "-")->Wait(30s), 1);
     EXPECT_EQ(Read("err"), Lines{"qmtahost: standard output is closed"});
   }
   {
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
-    Process piped({"--nodes", "nodes", "events"}, "empty", "", "err", ends[1]);
+    auto piped = Host({"--nodes", "nodes", "events"}, "/dev/fd/" + std::to_string(ends[1]));
     close(ends[1]);
     char byte;
     ASSERT_EQ(1, read(ends[0], &byte, 1));  // like `| head -c 1`
     close(ends[0]);
-    ASSERT_TRUE(piped.Wait(60s));
-    EXPECT_EQ(piped.status, 1);
+    EXPECT_EQ(piped->Wait(60s), 1);
     EXPECT_EQ(Count(Read("err"), "qmtahost: standard output: Broken pipe"), 1u);
   }
 }
@@ -259,9 +209,7 @@ TEST_F(Serve, EventTextIsCheckedUnlessAllowed) {
         R"({"sitname": "S", "originnode": "n", "currstate": 1, "attributes": [["V", "x\nQMTA050I forged"]]})" "\n"
         R"({"sitname": "S", "originnode": "n\u001b[2J", "currstate": 1})" "\n"
         R"({"sitname": "S", "originnode": "n\u00e9", "currstate": 1, "attributes": [["V", "a\tb"]]})" "\n");
-  Process checked({"--nodes", "nodes", "events"}, "empty", "out", "err");
-  ASSERT_TRUE(checked.Wait(30s));
-  EXPECT_EQ(checked.status, 0);
+  EXPECT_EQ(Host({"--nodes", "nodes", "events"})->Wait(30s), 0);
   EXPECT_EQ(Read("err"), (Lines{"qmtahost: line 1: \"originnode\" holds a double quote",
                                 "qmtahost: line 2: attribute 1 value holds a control character",
                                 "qmtahost: line 3: \"originnode\" holds a control character",
@@ -270,8 +218,7 @@ TEST_F(Serve, EventTextIsCheckedUnlessAllowed) {
                                 "for 0.0 s, peak 1 live actions"}));
   EXPECT_EQ(Count(Read("out"), "QMTA041I CMD=job \"n\xc3\xa9\" \"a\tb\""), 1u);
 
-  Process allowed({"--allow-any-text", "--nodes", "nodes", "events"}, "empty", "out", "err");
-  ASSERT_TRUE(allowed.Wait(30s));
+  EXPECT_EQ(Host({"--allow-any-text", "--nodes", "nodes", "events"})->Wait(30s), 0);
   EXPECT_EQ(Read("err").size(), 1u);  // the summary alone
   EXPECT_EQ(Count(Read("out"), "QMTA041I CMD=job \"web1:LZ\" \"/etc\" \"V\""), 1u);
   EXPECT_EQ(Count(Read("out"), "QMTA050I ACTION COMPLETED"), 4u);
@@ -289,9 +236,7 @@ TEST_F(Serve, BackPressureHoldsTheStormWithinTheLimit) {
     events += R"({"sitname": "S", "originnode": "n", "currstate": 1, "attributes": [["Seq", ")" +
               std::to_string(i) + "\"]]}\n";
   Write("events", events);
-  Process storm({"--max-actions", "64", "--nodes", "nodes", "events"}, "empty", "out", "err");
-  ASSERT_TRUE(storm.Wait(60s));
-  EXPECT_EQ(storm.status, 0);
+  EXPECT_EQ(Host({"--max-actions", "64", "--nodes", "nodes", "events"})->Wait(60s), 0);
   Lines out = Read("out");
   EXPECT_EQ(Count(out, "QMTA040I"), size_t{kEvents});
   EXPECT_EQ(Count(out, "QMTA050I ACTION COMPLETED FOR SITNAME=S DESTNODE=slow:N STATE=1 RC=0"),

@@ -201,6 +201,7 @@ struct Fault {
   int32_t status = 0;
   int32_t skip = 0;
   int32_t count = 0;
+  int32_t injected = 0;  // failures returned since armed
 };
 constexpr int kOps = static_cast<int>(Op::kFetch) + 1;
 // Guards faults: taken by tests arming or clearing them and, once any is
@@ -220,6 +221,7 @@ int32_t Injected(Op op) {
     return DBQ1_OK;
   }
   --fault.count;
+  ++fault.injected;
   return fault.status;
 }
 
@@ -495,6 +497,11 @@ void FailOperation(Op op, int32_t status, int32_t count, int32_t skip) {
   std::lock_guard<std::mutex> hold(faultMutex);
   faults[static_cast<int>(op)] = Fault{status, skip > 0 ? skip : 0, count};
   faultsArmed.store(true);
+}
+
+int32_t FailuresInjected(Op op) {
+  std::lock_guard<std::mutex> hold(faultMutex);
+  return faults[static_cast<int>(op)].injected;
 }
 
 void MakeStale(DBQ1_Handle handle) { HandleRegistry::Instance().MakeStale(handle); }

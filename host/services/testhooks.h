@@ -24,6 +24,8 @@ enum class Op {
 // without acting.
 QMTA_HOSTSVC_API void FailOperation(Op op, int32_t status, int32_t count = 1,
                                    int32_t skip = 0);
+// The failures of `op` returned since it was last armed.
+QMTA_HOSTSVC_API int32_t FailuresInjected(Op op);
 // Makes `handle` stale: every later operation on it returns
 // DBQ1_STALE_HANDLE. The object stays alive (a running open still
 // completes) until ResetQueryService releases it.

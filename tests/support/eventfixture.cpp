@@ -36,18 +36,19 @@ void EventFixture::Start(const std::string& rules, const std::string& nodes) {
   drained_ = qmta::host::StartedActions();
 }
 
-int32_t EventFixture::Fire(const std::string& sitname, const std::string& node,
-                           int32_t currstate, int32_t prevstate,
-                           const std::vector<std::pair<std::string, std::string>>& attributes,
-                           const char* threshold) {
-  std::vector<const char*> names, values;
-  for (const auto& [name, value] : attributes) {
-    names.push_back(name.c_str());
-    values.push_back(value.c_str());
-  }
-  return module_->autoexit(sitname.c_str(), node.c_str(), prevstate, currstate,
-                           "1261116000509000", static_cast<int32_t>(names.size()),
-                           names.data(), values.data(), threshold, &path_, 0);
+int32_t EventFixture::Fire(const std::string& sitname, const std::string& node, int32_t currstate) {
+  return module_->autoexit(sitname.c_str(), node.c_str(), 0, currstate, "1261116000509000", 0, nullptr, nullptr,
+                           nullptr, &path_, 0);
+}
+
+std::vector<std::string> EventFixture::Command(const std::string& text) {
+  module_->Command(text);
+  return out_->TakeLines();
+}
+
+std::vector<std::string> EventFixture::Init() {
+  module_->Init();
+  return out_->TakeLines();
 }
 
 std::vector<std::string> EventFixture::Drain(int64_t actions) {

@@ -5,7 +5,6 @@
 
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -27,10 +26,10 @@ class EventFixture : public ::testing::Test {
   void Start(const std::string& rules, const std::string& nodes);
   // Delivers one event with the host's path, as the data server would not
   // (onDS 0): the handle is copied into the stacks.
-  int32_t Fire(const std::string& sitname, const std::string& node, int32_t currstate,
-               int32_t prevstate = 0,
-               const std::vector<std::pair<std::string, std::string>>& attributes = {},
-               const char* threshold = nullptr);
+  int32_t Fire(const std::string& sitname, const std::string& node, int32_t currstate);
+  // An operator command, and QMTAINIT; the lines each printed.
+  std::vector<std::string> Command(const std::string& text);
+  std::vector<std::string> Init();
   // Waits until every action has finished and returns the lines printed.
   // With `actions`, first waits until that many action threads have started
   // since the last drain: a thread is seen only once it runs, which under

@@ -1,19 +1,17 @@
 #include "tests/support/harness.h"
 
 #include <dlfcn.h>
-#include <fcntl.h>
+#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "host/services/control.h"
 
@@ -40,12 +38,7 @@ std::string StdoutCapture::Take() {
   fflush(stdout);
   std::string text;
   char buffer[4096];
-  for (;;) {
-    ssize_t got = pread(file_, buffer, sizeof buffer, offset_);
-    if (got <= 0) break;
-    text.append(buffer, static_cast<size_t>(got));
-    offset_ += got;
-  }
+  for (ssize_t got; (got = pread(file_, buffer, sizeof buffer, offset_)) > 0; offset_ += got) text.append(buffer, got);
   return text;
 }
 
@@ -53,26 +46,16 @@ std::vector<std::string> StdoutCapture::TakeLines() { return SplitLines(Take());
 
 std::vector<std::string> SplitLines(const std::string& text) {
   std::vector<std::string> lines;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) {
-      lines.push_back(text.substr(start));
-      break;
-    }
-    lines.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
 }
 
 ScratchDir::ScratchDir() {
   const char* base = getenv("TMPDIR");
-  std::string pattern = std::string(base && *base ? base : "/tmp") + "/qmta-test-XXXXXX";
-  std::vector<char> name(pattern.begin(), pattern.end());
-  name.push_back('\0');
+  std::string name = std::string(base && *base ? base : "/tmp") + "/qmta-test-XXXXXX";
   if (!mkdtemp(name.data())) throw std::runtime_error("mkdtemp failed");
-  path_ = name.data();
+  path_ = name;
   previous_ = std::filesystem::current_path().string();
   std::filesystem::current_path(path_);
 }
@@ -85,8 +68,7 @@ ScratchDir::~ScratchDir() {
 
 void ScratchDir::Write(const std::string& name, const std::string& content) const {
   std::ofstream out(path_ + "/" + name, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
-  if (!out) throw std::runtime_error("cannot write " + name);
+  if (!out.write(content.data(), static_cast<std::streamsize>(content.size()))) throw std::runtime_error("cannot write " + name);
 }
 
 void ScratchDir::Remove(const std::string& name) const {
@@ -96,10 +78,8 @@ void ScratchDir::Remove(const std::string& name) const {
 
 Module::Module() {
   static std::atomic<int> serial{0};
-  path_ = "/tmp/qmta-module-" + std::to_string(getpid()) + "-" +
-          std::to_string(serial++) + ".so";
-  std::filesystem::copy_file(QMTA_MODULE_PATH, path_,
-                             std::filesystem::copy_options::overwrite_existing);
+  path_ = "/tmp/qmta-module-" + std::to_string(getpid()) + "-" + std::to_string(serial++) + ".so";
+  std::filesystem::copy_file(QMTA_MODULE_PATH, path_, std::filesystem::copy_options::overwrite_existing);
   handle_ = dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!handle_) throw std::runtime_error(std::string("dlopen: ") + dlerror());
   autoexit = reinterpret_cast<QMTAUTOX_Entry>(dlsym(handle_, "QMTAUTOX"));
@@ -119,13 +99,13 @@ void Module::Init() const {
     std::atomic<bool> done{false};
   } start{init};
   pthread_t thread;
-  if (pthread_create(&thread, nullptr, [](void* argument) -> void* {
-        auto* s = static_cast<Start*>(argument);
-        s->init();
-        s->done.store(true);
-        return nullptr;
-      }, &start) != 0)
-    throw std::runtime_error("pthread_create failed");
+  auto body = [](void* argument) -> void* {
+    auto* s = static_cast<Start*>(argument);
+    s->init();
+    s->done.store(true);
+    return nullptr;
+  };
+  if (pthread_create(&thread, nullptr, body, &start) != 0) throw std::runtime_error("pthread_create failed");
   while (!start.done.load()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 

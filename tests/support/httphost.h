@@ -1,11 +1,8 @@
 // `qmtahost serve --listen` for a test: started in the test's scratch
 // directory on a free loopback port, driven with curl, stopped with
-// SIGTERM at the end (and expected to exit with status 0). Also the
-// child-process helpers it is built on.
+// SIGTERM at the end (and expected to exit with status 0).
 #ifndef TESTS_SUPPORT_HTTPHOST_H_
 #define TESTS_SUPPORT_HTTPHOST_H_
-
-#include <sys/types.h>
 
 #include <chrono>
 #include <string>
@@ -13,18 +10,14 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/harness.h"
+#include "tests/support/support.h"
 
 namespace qmtatest {
 
-// A file's bytes; empty when it cannot be read.
-std::string ReadFile(const std::string& path);
-// Starts `words` (found on PATH) with standard input /dev/null and standard
-// output and error to files.
-pid_t Spawn(const std::vector<std::string>& words, const std::string& out, const std::string& err);
-// The exit status, or -1 when it did not end within `limit` (then it is
-// killed) or a signal ended it.
-int Finish(pid_t pid, std::chrono::milliseconds limit);
+// Runs `words` (a program on PATH or a path) to its end: its exit status,
+// or -1 when a signal ended it or it was killed after `limit`.
+int RunToEnd(const std::vector<std::string>& words, const std::string& out,
+             const std::string& err, std::chrono::milliseconds limit);
 
 struct HttpReply {
   int code = 0;
@@ -45,7 +38,7 @@ class HttpHost : public ::testing::Test {
   static double Metric(const std::string& metrics, const std::string& sample);
 
   ScratchDir dir_;
-  pid_t host_ = -1;
+  Child host_;
   std::string base_;  // http://127.0.0.1:PORT
 };
 
