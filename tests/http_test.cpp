@@ -1,22 +1,98 @@
 // The HTTP endpoint of `qmtahost serve`, driven with curl: events taken or
 // refused whole, commands, metrics after real actions, health and
 // readiness, the bearer token, TLS, and the refusal of a public address
-// without a token. Everything listens on and talks to loopback only.
+// without a token; and a real Alertmanager (Debian prometheus-alertmanager,
+// alerts sent with its amtool) that notifies the host through its webhook
+// (ctest runs that test alone, with the label e2e). Everything listens on
+// and talks to loopback only.
+#include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <fstream>
 #include <regex>
+#include <sstream>
 #include <thread>
 
-#include "tests/support/httphost.h"
+#include <gtest/gtest.h>
+
+#include "tests/support/support.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using qmtatest::RunToEnd;
-using Reply = qmtatest::HttpReply;
+
+using qmtatest::Child;
 std::string Read(const std::string& path) { return qmtatest::ReadFile(path); }
-class Http : public qmtatest::HttpHost {};
+
+// Runs `words` (a program on PATH or a path) to its end: its exit status, or
+// -1 when a signal ended it or it was killed after `limit`.
+int RunToEnd(const std::vector<std::string>& words, const std::string& out, const std::string& err,
+        std::chrono::milliseconds limit) {
+  Child child;
+  EXPECT_TRUE(child.Spawn(words, out, err)) << words[0];
+  return child.Finish(limit);
+}
+
+struct Reply {
+  int code = 0;
+  std::string body;
+};
+
+class Http : public ::testing::Test {
+ protected:
+  void TearDown() override {
+    if (host_.pid() > 0) {
+      host_.Kill(SIGTERM);
+      EXPECT_EQ(host_.Finish(30s), 0) << Read("err");
+    }
+  }
+  // Starts `qmtahost serve` on a free loopback port and reads the port
+  // from what it says on standard error.
+  void Start(std::vector<std::string> extra = {}) {
+    std::vector<std::string> words = {QMTAHOST_PATH, "serve", "--control", dir_.path() + "/control",
+                                      "--nodes", "nodes", "--listen", "127.0.0.1:0"};
+    words.insert(words.end(), extra.begin(), extra.end());
+    ASSERT_TRUE(host_.Spawn(words, "out", "err"));
+    std::smatch found;
+    for (int i = 0; i < 1000; ++i) {
+      std::string said = Read("err");
+      if (std::regex_search(said, found, std::regex("listening on (https?://127.0.0.1:[0-9]+)"))) {
+        base_ = found[1];
+        return;
+      }
+      std::this_thread::sleep_for(10ms);
+    }
+    FAIL() << "the host never listened: " << Read("err");
+  }
+  Reply Curl(const std::string& path, const std::string& body = "", bool post = false,
+             std::vector<std::string> extra = {}) {
+    std::vector<std::string> words = {"curl", "-s", "--max-time", "30", "-o", "body",
+                                      "-w", "%{http_code}"};
+    if (post || !body.empty()) {
+      dir_.Write("request", body);
+      words.insert(words.end(), {"--data-binary", "@request"});
+    }
+    words.insert(words.end(), extra.begin(), extra.end());
+    words.push_back(base_ + path);
+    EXPECT_EQ(RunToEnd(words, "code", "curl.err", 40s), 0) << Read("curl.err");
+    return {atoi(Read("code").c_str()), Read("body")};
+  }
+  // The value of one sample of the metrics, -1 when it is missing.
+  double Metric(const std::string& metrics, const std::string& sample) {
+    std::istringstream lines(metrics);
+    for (std::string line; std::getline(lines, line);)
+      if (line.starts_with(sample + " ")) return std::stod(line.substr(sample.size() + 1));
+    return -1;
+  }
+
+  qmtatest::ScratchDir dir_;
+  Child host_;
+  std::string base_;
+};
 
 // Events are taken or refused whole and reach the module; commands answer
 // what ctl prints; the metrics count what happened, their stack figures
@@ -172,6 +248,74 @@ TEST_F(Http, TokenTlsAndPublicAddresses) {
   base_.replace(0, 5, "http");
   std::vector<std::string> words = {"curl", "-s", "--max-time", "10", base_ + "/healthz"};
   EXPECT_NE(RunToEnd(words, "plain.out", "plain.err", 20s), 0);
+}
+
+size_t Count(const std::string& text, const std::string& pattern) {
+  std::regex search(pattern);
+  return static_cast<size_t>(std::distance(
+      std::sregex_iterator(text.begin(), text.end(), search), std::sregex_iterator()));
+}
+
+// DiskFull fires; Other joins its group (a re-send of DiskFull); repeats
+// follow every two seconds; DiskFull is resolved.
+TEST_F(Http, AlertmanagerRunsAnActionForEachChangeOfStateNoneForResends) {
+  ASSERT_EQ(access("/usr/bin/prometheus-alertmanager", X_OK), 0)
+      << "Alertmanager is not installed (tools/setup installs prometheus-alertmanager)";
+  dir_.Write("QMTASITR", "SITNAME=DiskFull STATE=ANY DESTNODE=ops:LOCAL SCRIPT=note\n"
+                         "  ARG1=CURRSTATE ARG2=PRESTATE ARG3=annotation.summary;\n");
+  dir_.Write("nodes", "* local\n");
+  mkdir("actions", 0755);
+  dir_.Write("actions/note", "#!/bin/sh\necho \"note: $*\"\n");
+  chmod("actions/note", 0755);
+  Start();
+  dir_.Write("am.yml", "route: {receiver: qmta, group_wait: 1s, group_interval: 1s, "
+                       "repeat_interval: 2s}\nreceivers:\n- name: qmta\n  webhook_configs:\n"
+                       "  - {url: '" + base_ + "/v1/alertmanager', send_resolved: true}\n");
+  qmtatest::Child alertmanager;
+  ASSERT_TRUE(alertmanager.Spawn({"prometheus-alertmanager", "--config.file=am.yml",
+                                  "--storage.path=am", "--web.listen-address=127.0.0.1:0",
+                                  "--cluster.listen-address="},
+                                 "am.out", "am.err"));
+  std::smatch found;
+  ASSERT_TRUE(qmtatest::WaitUntil([&] {
+    std::string said = Read("am.err");
+    return std::regex_search(said, found, std::regex("Listening on\" address=(127.0.0.1:[0-9]+)"));
+  }, 30s)) << Read("am.err");
+  const std::string url = "--alertmanager.url=http://" + found[1].str();
+  auto amtool = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), {"amtool", "alert", "add"});
+    words.insert(words.end(), {"--annotation=summary=disk full", url});
+    EXPECT_EQ(RunToEnd(words, "amtool.out", "amtool.err", 30s), 0) << Read("amtool.err");
+  };
+  auto unchanged = [&] {
+    return Metric(Curl("/metrics").body, R"(qmta_alerts_total{result="unchanged"})");
+  };
+  auto completed = [&](size_t actions) {
+    return qmtatest::WaitUntil([&] { return Count(Read("out"), "QMTA050I .* RC=0 ") >= actions; }, 30s);
+  };
+
+  amtool({"DiskFull", "instance=db1:9100"});
+  EXPECT_TRUE(completed(1)) << Read("out");
+  amtool({"Other", "instance=db1:9100"});
+  EXPECT_TRUE(qmtatest::WaitUntil([&] { return unchanged() >= 3; }, 30s));
+  char past[32];
+  time_t ago = time(nullptr) - 60;
+  strftime(past, sizeof past, "--end=%Y-%m-%dT%H:%M:%SZ", gmtime(&ago));
+  amtool({"DiskFull", "instance=db1:9100", past});
+  EXPECT_TRUE(completed(2)) << Read("out");
+  // Other goes on being sent; DiskFull's resolution may be sent again.
+  const double resent = unchanged();
+  EXPECT_TRUE(qmtatest::WaitUntil([&] { return unchanged() >= resent + 2; }, 30s));
+
+  const std::string out = Read("out"), err = Read("err");
+  EXPECT_EQ(Count(out, "QMTA040I ACTION STARTED FOR SITNAME=DiskFull "), 2u) << out;
+  EXPECT_EQ(Count(out, "QMTA050I ACTION COMPLETED FOR SITNAME=DiskFull .* RC=0 "), 2u);
+  EXPECT_EQ(Count(err, "\\] note: 1 0 disk full\n"), 1u) << err;
+  EXPECT_EQ(Count(err, "\\] note: 2 1 disk full\n"), 1u) << err;
+  const std::string m = Curl("/metrics").body;
+  EXPECT_EQ(Metric(m, R"(qmta_events_taken_total{source="alertmanager"})"), 3);
+  EXPECT_EQ(Metric(m, R"(qmta_alerts_total{result="delivered"})"), 3);
+  EXPECT_EQ(Metric(m, "qmta_alert_states"), 2);
 }
 
 }  // namespace
