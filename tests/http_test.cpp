@@ -277,10 +277,11 @@ TEST_F(Http, AlertmanagerRunsAnActionForEachChangeOfStateNoneForResends) {
                                   "--cluster.listen-address="},
                                  "am.out", "am.err"));
   std::smatch found;
+  std::string said;  // what `found` points into
   ASSERT_TRUE(qmtatest::WaitUntil([&] {
-    std::string said = Read("am.err");
+    said = Read("am.err");
     return std::regex_search(said, found, std::regex("Listening on\" address=(127.0.0.1:[0-9]+)"));
-  }, 30s)) << Read("am.err");
+  }, 30s)) << said;
   const std::string url = "--alertmanager.url=http://" + found[1].str();
   auto amtool = [&](std::vector<std::string> words) {
     words.insert(words.begin(), {"amtool", "alert", "add"});
