@@ -262,12 +262,12 @@ TEST_F(Http, AlertmanagerRunsAnActionForEachChangeOfStateNoneForResends) {
   ASSERT_EQ(access("/usr/bin/prometheus-alertmanager", X_OK), 0)
       << "Alertmanager is not installed (tools/setup installs prometheus-alertmanager)";
   dir_.Write("QMTASITR", "SITNAME=DiskFull STATE=ANY DESTNODE=ops:LOCAL SCRIPT=note\n"
-                         "  ARG1=CURRSTATE ARG2=PRESTATE ARG3=annotation.summary;\n");
+                         "  ARG1=CURRSTATE ARG2=PRESTATE ARG3=THRESHOLD;\n");
   dir_.Write("nodes", "* local\n");
   mkdir("actions", 0755);
   dir_.Write("actions/note", "#!/bin/sh\necho \"note: $*\"\n");
   chmod("actions/note", 0755);
-  Start();
+  Start({"--alert-threshold-annotation", "summary"});
   dir_.Write("am.yml", "route: {receiver: qmta, group_wait: 1s, group_interval: 1s, "
                        "repeat_interval: 2s}\nreceivers:\n- name: qmta\n  webhook_configs:\n"
                        "  - {url: '" + base_ + "/v1/alertmanager', send_resolved: true}\n");
