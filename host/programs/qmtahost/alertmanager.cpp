@@ -2,6 +2,7 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -194,6 +195,9 @@ AlertBatch AlertIntake::Take(std::string_view body, const Submit& submit, Clock:
   }
 
   std::lock_guard<std::mutex> hold(mutex_);
+  // A notification that waited for the lock keeps the table in the order
+  // of the times seen.
+  if (!order_.empty()) now = std::max(now, order_.back().seen);
   Forget(now);
   std::vector<Alert*> delivered;
   for (Alert& alert : batch.alerts) {
