@@ -7,7 +7,14 @@
 // bare skeleton of that road: a detached thread per action that takes a
 // request from a mutex-guarded LIFO stack, hands it to a completion thread,
 // waits on a condition variable for the answer and puts it back.
+//
+// The journal: the same road with the action journal on (every event and
+// every open and completion queued for its writer thread, which commits
+// them to SQLite in batches), against the road with it off; and the
+// journal's size per action against the text it keeps of one.
 #include <pthread.h>
+#include <sqlite3.h>
+#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
@@ -20,6 +27,8 @@
 
 #include "bench/support/benchsupport.h"
 #include "host/drivers/sim.h"
+#include "host/programs/qmtahost/journal.h"
+#include "host/services/actiontap.h"
 #include "host/services/control.h"
 #include "host/services/testhooks.h"
 
@@ -32,16 +41,27 @@ constexpr auto kLimit = std::chrono::seconds(60);
 DBQ1_Handle path;
 std::unique_ptr<qmtabench::Module> module;
 
-void Ours(benchmark::State& state) {
+// With `journal`, each event goes through it as qmtahost sends it.
+void Run(benchmark::State& state, qmta::hostprog::Journal* journal) {
   const char* names[] = {"Disk.Mount_Point", "Disk.Free_Percent"};
   const char* values[] = {"/var", "4"};
+  qmta::hostprog::Event event;
+  event.sitname = "Bench_Dispatch";
+  event.originnode = "Primary:WEB00042:NT";
+  event.currstate = 1;
+  event.attributes = {{names[0], values[0]}, {names[1], values[1]}};
+  event.source = "bench";
   int32_t failures = 0;
   bool drained = true;
   for (auto _ : state) {
     const int64_t target = qmta::host::StartedActions() + kBatch;
-    for (int i = 0; i < kBatch; ++i)
-      failures += module->autoexit("Bench_Dispatch", "Primary:WEB00042:NT", 0, 1, kTimestamp,
-                                   2, names, values, nullptr, &path, 0) != 0;
+    for (int i = 0; i < kBatch; ++i) {
+      uint64_t id = journal ? journal->EventBegin(event) : 0;
+      int32_t result = module->autoexit("Bench_Dispatch", "Primary:WEB00042:NT", 0, 1,
+                                        kTimestamp, 2, names, values, nullptr, &path, 0);
+      if (journal) journal->EventEnd(id, event, result);
+      failures += result != 0;
+    }
     drained = qmtabench::WaitUntil(
         [&] {
           return qmta::host::StartedActions() >= target && qmta::host::LiveActions() == 0;
@@ -52,6 +72,60 @@ void Ours(benchmark::State& state) {
   if (failures != 0) state.SkipWithError("an event failed");
   if (!drained) state.SkipWithError("actions did not finish");
   state.SetItemsProcessed(state.iterations() * kBatch);
+}
+
+void Ours(benchmark::State& state) { Run(state, nullptr); }
+
+std::string journalPath;
+
+int64_t FileSize(const std::string& name) {
+  struct stat info;
+  return stat(name.c_str(), &info) == 0 ? info.st_size : 0;
+}
+
+// One value of a query on the journal, by a connection of its own.
+double JournalValue(const char* sql) {
+  sqlite3* db = nullptr;
+  sqlite3_stmt* statement = nullptr;
+  double value = 0;
+  if (sqlite3_open(journalPath.c_str(), &db) == SQLITE_OK &&
+      sqlite3_prepare_v2(db, sql, -1, &statement, nullptr) == SQLITE_OK &&
+      sqlite3_step(statement) == SQLITE_ROW)
+    value = sqlite3_column_double(statement, 0);
+  sqlite3_finalize(statement);
+  sqlite3_close(db);
+  return value;
+}
+
+// The road with the journal on; a fresh journal for each run. Its size per
+// action is the database after a checkpoint (the write-ahead log folded
+// in), against the text that it keeps of an action (command, names, run).
+void WithJournal(benchmark::State& state) {
+  for (const char* suffix : {"", "-wal", "-shm"}) remove((journalPath + suffix).c_str());
+  qmta::hostprog::JournalSettings settings;
+  settings.path = journalPath;
+  std::string error;
+  auto journal = qmta::hostprog::Journal::Open(settings, &error);
+  if (!journal) {
+    state.SkipWithError(error.c_str());
+    return;
+  }
+  qmta::host::SetActionObserver(journal);
+  Run(state, journal.get());
+  qmta::host::SetActionObserver(nullptr);
+  const uint64_t dropped = journal->counts().dropped.load();
+  journal.reset();  // commits what is queued
+  if (dropped != 0) state.SkipWithError("the journal dropped records");
+  JournalValue("PRAGMA wal_checkpoint(TRUNCATE)");
+  const double actions = JournalValue("SELECT count(*) FROM actions");
+  const double text = JournalValue(
+      "SELECT avg(length(command) + length(destination) + length(run) + "
+      "length(COALESCE(sitname, 'Bench_Dispatch'))) "
+      "FROM actions");
+  if (actions > 0) {
+    state.counters["bytes_per_action"] = static_cast<double>(FileSize(journalPath)) / actions;
+    state.counters["text_bytes_per_action"] = text;
+  }
 }
 
 // ---- The floor ---------------------------------------------------------------
@@ -186,6 +260,8 @@ int main(int argc, char** argv) {
       throw std::runtime_error("dispatch check: " + std::to_string(completed) +
                                " of 10 actions completed with RC=0:\n" + out);
     benchmark::RegisterBenchmark("dispatch/ours", Ours)->UseRealTime();
+    journalPath = dir->path() + "/journal.db";
+    benchmark::RegisterBenchmark("dispatch/journal", WithJournal)->UseRealTime();
     benchmark::RegisterBenchmark("dispatch/floor", Floor)->UseRealTime();
   });
 }

@@ -43,6 +43,7 @@ struct Figure {
   // Scaling figures: the one-thread runs that ours and floor are divided by.
   std::string ours1;
   std::string floor1;
+  std::string floorCounter;  // empty: `counter`
 };
 
 Figure Make(std::string label, std::string ours, std::string floor, std::string counter,
@@ -83,6 +84,14 @@ std::vector<Figure> Figures() {
   }
   figures.push_back(Make("dispatch, sim rc=0", "dispatch/ours/real_time", "dispatch/floor/real_time",
                      "items_per_second", "actions/s", false, 0.6));
+  // The action journal on, against the same road with it off.
+  figures.push_back(Make("dispatch, journal on (floor: off)", "dispatch/journal/real_time",
+                     "dispatch/ours/real_time", "items_per_second", "actions/s", false, 0.8));
+  Figure journalSize = Make("journal size per action (floor: its text)",
+                            "dispatch/journal/real_time", "dispatch/journal/real_time",
+                            "bytes_per_action", "B/action", true, 0);
+  journalSize.floorCounter = "text_bytes_per_action";
+  figures.push_back(journalSize);
   for (const char* rules : {"1000", "100000"}) {
     std::string size = rules;
     std::string label = size == "100000" ? "100,000" : "1,000";
@@ -236,7 +245,9 @@ int main(int argc, char** argv) {
     std::string problem;
     bool scaling = !figure.ours1.empty();
     auto ours = Value(figure.ours, figure.counter, &problem);
-    auto floor = Value(figure.floor, figure.counter, &problem);
+    auto floor = Value(figure.floor,
+                       figure.floorCounter.empty() ? figure.counter : figure.floorCounter,
+                       &problem);
     if (ours) *ours *= figure.scale;
     if (floor) *floor *= figure.scale;
     if (scaling) {

@@ -244,6 +244,23 @@ TEST_F(Http, TokenTlsAndPublicAddresses) {
   EXPECT_EQ(Curl("/v1/events", R"({"sitname": "S", "originnode": "n", "currstate": 1})", true,
                  with("s3cret-token")).code,
             202);
+  // A browser session: a wrong token gets the form again; the right one a
+  // cookie that reads (GET) but never posts, until the logout.
+  EXPECT_EQ(Curl("/", "", false, tls).code, 401);
+  EXPECT_EQ(Curl("/login", "token=s3cret-tokeN", true, tls).code, 401);
+  std::vector<std::string> jar = tls;
+  jar.insert(jar.end(), {"-c", "cookies", "-D", "headers"});
+  EXPECT_EQ(Curl("/login", "token=s3cret%2Dtoken", true, jar).code, 303);
+  EXPECT_TRUE(std::regex_search(Read("headers"), std::regex("Set-Cookie: qmta_session=[0-9a-f]{64}; "
+                                                            "Path=/; HttpOnly; SameSite=Strict; Max-Age=43200; Secure")))
+      << Read("headers");
+  jar = tls;
+  jar.insert(jar.end(), {"-b", "cookies"});
+  EXPECT_EQ(Curl("/", "", false, jar).code, 200);
+  EXPECT_EQ(Curl("/metrics", "", false, jar).code, 200);
+  EXPECT_EQ(Curl("/v1/events", R"({"sitname": "S", "originnode": "n", "currstate": 1})", true, jar).code, 401);
+  EXPECT_EQ(Curl("/logout", "", true, jar).code, 303);
+  EXPECT_EQ(Curl("/metrics", "", false, jar).code, 401);
   // Plain HTTP gets no answer from the TLS port.
   base_.replace(0, 5, "http");
   std::vector<std::string> words = {"curl", "-s", "--max-time", "10", base_ + "/healthz"};

@@ -21,6 +21,7 @@
 #include <nats/nats.h>
 
 #include "host/drivers/nats/wire.h"
+#include "host/programs/qmtahost/history.h"
 #include "tests/support/support.h"
 
 extern char** environ;
@@ -267,7 +268,7 @@ TEST_F(Remote, ActionsRunOnTheAgentsOfTheirNodesOrFindNoneThere) {
   Client old;
   ASSERT_TRUE(old.Connect(server_.Url()));
   natsSubscription* requests = old.Subscribe("qmta.node.old_3AN");
-  StartHost(host, "* nats url=" + server_.Url() + Auth() + "\n");
+  StartHost(host, "* nats url=" + server_.Url() + Auth() + "\n", {"--journal", Path("j.db")});
   host.Send(Event("One", R"j([["a", "$(touch x)"], ["b", "`touch y`; touch z"], ["c", "a\"b c"]])j") +
             Event("Two", R"([["a", "7"]])") + Event("Fail", R"([["a", "touch x"]])") + Event("Gone") +
             Event("Lost") + Event("Old"));
@@ -300,6 +301,22 @@ TEST_F(Remote, ActionsRunOnTheAgentsOfTheirNodesOrFindNoneThere) {
   // subject: each request went to its own node only.
   EXPECT_TRUE(Contains(Path("two.err"), "[2] node db.2>x\n"));
   EXPECT_FALSE(Contains(Path("two.err"), "refused a request"));
+  // The agents' output and exit reach the journal; the old agent's answer
+  // has none.
+  nlohmann::json answer2, old6;
+  qmta::hostprog::HistoryFilter filter;
+  std::string error;
+  filter.request = 2;
+  ASSERT_TRUE(qmta::hostprog::QueryActions(Path("j.db"), filter, &answer2, &error)) << error;
+  filter.request = 6;
+  ASSERT_TRUE(qmta::hostprog::QueryActions(Path("j.db"), filter, &old6, &error)) << error;
+  ASSERT_EQ(answer2.size(), 1u);
+  EXPECT_EQ(answer2[0]["output"], "node db.2>x\n");
+  EXPECT_EQ(answer2[0]["exit_status"], 7);
+  EXPECT_EQ(answer2[0]["driver"], "nats");
+  ASSERT_EQ(old6.size(), 1u);
+  EXPECT_EQ(old6[0]["rcs"], "9");
+  EXPECT_TRUE(old6[0]["output"].is_null());
 }
 
 TEST_F(Remote, WhatTheModuleGivesUpOnIsEndedOrNeverStartedAndItsLateAnswerDropped) {
@@ -665,8 +682,19 @@ TEST(NatsWire, RepliesCarryCodesOrAStatus) {
   wire::Reply back;
   std::string error;
   for (const char* text : {"QMTA1 RC", "QMTA1 RC 1 2147483648", "QMTA1 RC 1  2", "QMTA1 RC 1 2 ",
-                           "QMTA1 STATUS 1", "QMTA1 STATUS 1 2 3", "QMTA1 OK 1", "qmta1 RC 1"})
+                           "QMTA1 STATUS 1", "QMTA1 STATUS 1 2 3", "QMTA1 OK 1", "qmta1 RC 1",
+                           "QMTA1 RC 1 0\n", "QMTA1 RC 1 0\nQMTA1 OUTPUT 0 0 0 3\nab",
+                           "QMTA1 RC 1 0\nQMTA1 OUTPUT 0 0 2 0\n", "QMTA1 RC 1 0\nQMTA1 OUTPUT 0 0 0\n"})
     EXPECT_FALSE(wire::DecodeReply(text, &back, &error)) << text;
+  // Version 3: the program's end after the line, cut to the bound.
+  wire::Reply detailed = rows;
+  detailed.hasDetail = true;
+  detailed.signal = 9;
+  detailed.output = std::string(wire::kOutputMax, 'x') + "\nmore";
+  ASSERT_TRUE(wire::DecodeReply(wire::EncodeReply(detailed), &back, &error)) << error;
+  EXPECT_EQ(std::tie(back.codes, back.exitStatus, back.signal, back.outputCut),
+            std::tie(rows.codes, detailed.exitStatus, detailed.signal, detailed.hasDetail));
+  EXPECT_EQ(back.output, detailed.output.substr(0, wire::kOutputMax));
 }
 
 TEST(NatsWire, CancelsAndTimesLeftAreReadStrictly) {

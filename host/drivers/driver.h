@@ -36,6 +36,15 @@ struct Action {
   std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
 };
 
+// What a driver knows about how an action ended beyond its return codes:
+// the program's output and exit, for the host's action journal.
+struct ActionDetail {
+  std::string output;      // standard output and error, bounded by the driver
+  bool outputCut = false;  // more was printed than `output` holds
+  int exitStatus = -1;     // the program's exit status; -1: none (signal, not run)
+  int signal = 0;          // the signal that ended it; 0: none
+};
+
 // The outcome of one open, handed to its driver. Thread-safe; the first of
 // Rows or Fail wins, later calls and calls after the open was closed are
 // ignored.
@@ -46,6 +55,9 @@ class Completion {
   virtual void Rows(std::vector<int32_t> returnCodes) = 0;
   // The open failed with `status` (for example DBQ1_DEST_OFFLINE).
   virtual void Fail(int32_t status) = 0;
+  // What the driver knows about the end of the action, given before Rows
+  // or Fail; optional (the default keeps nothing).
+  virtual void Detail(ActionDetail detail) { (void)detail; }
   // `stop` runs once when the open is closed before it completed (at once
   // if it already was); it must stop the driver's work for this open.
   virtual void OnClose(std::function<void()> stop) = 0;

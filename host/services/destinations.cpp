@@ -13,6 +13,8 @@ namespace {
 struct Line {
   std::string pattern;
   std::shared_ptr<Driver> driver;
+  std::string driverName;
+  int number = 0;  // in the text it was read from
 };
 
 // The directory is replaced as a whole; readers take a reference to the
@@ -68,6 +70,7 @@ bool ParseLine(const std::string& text, Line* line, bool* empty, std::string* re
     return false;
   }
   line->driver = std::move(driver);
+  line->driverName = std::move(driverName);
   return true;
 }
 
@@ -81,14 +84,19 @@ bool PatternMatches(const std::string& pattern, const std::string& node) {
          node.compare(node.size() - suffix, suffix, pattern, star + 1, suffix) == 0;
 }
 
-std::shared_ptr<Driver> RouteDestination(const std::string& node) {
+std::shared_ptr<Driver> RouteDestination(const std::string& node, std::string* driverName,
+                                         int* number) {
   std::shared_ptr<const Directory> current;
   {
     std::lock_guard<std::mutex> hold(directoryMutex);
     current = directory;
   }
-  for (const Line& line : *current)
-    if (PatternMatches(line.pattern, node)) return line.driver;
+  for (const Line& line : *current) {
+    if (!PatternMatches(line.pattern, node)) continue;
+    if (driverName) *driverName = line.driverName;
+    if (number) *number = line.number;
+    return line.driver;
+  }
   return nullptr;
 }
 
@@ -120,6 +128,7 @@ bool SetDestinations(const std::string& text, std::string* error) {
       if (error) *error = "line " + std::to_string(number) + ": " + reason;
       return false;
     }
+    line.number = number;
     if (!empty) replacement->push_back(std::move(line));
   }
   std::shared_ptr<const internal::Directory> old;

@@ -13,8 +13,11 @@ namespace qmta::host::internal {
 
 // The driver of the first directory line that matches `node`; null when no
 // line does. The caller's reference keeps the driver alive after the
-// directory has been replaced.
-std::shared_ptr<Driver> RouteDestination(const std::string& node);
+// directory has been replaced. With `driverName` and `line`, also that
+// line's driver name and number (1 for the file's first line).
+std::shared_ptr<Driver> RouteDestination(const std::string& node,
+                                         std::string* driverName = nullptr,
+                                         int* line = nullptr);
 
 // Empties the directory: every destination is offline.
 void ClearDestinations();

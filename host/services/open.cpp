@@ -1,11 +1,47 @@
 #include "host/services/open.h"
 
+#include <atomic>
 #include <deque>
 #include <utility>
 
 namespace qmta::host::internal {
 
-void Open::Answered() { PostDelivery(shared_from_this()); }
+namespace {
+
+// Guards observer: taken by SetActionObserver and, while one is set, by
+// every open, completion and failed fetch for the copy of the pointer.
+std::mutex observerMutex;
+std::shared_ptr<ActionObserver> observer;
+std::atomic<bool> observed{false};
+
+}  // namespace
+
+std::shared_ptr<ActionObserver> CurrentObserver() {
+  if (!observed.load(std::memory_order_acquire)) return nullptr;
+  std::lock_guard<std::mutex> hold(observerMutex);
+  return observer;
+}
+
+void Open::Detail(ActionDetail detail) {
+  std::lock_guard<std::mutex> hold(mutex_);
+  if (state_ == State::kWaiting) detail_ = std::move(detail);
+}
+
+void Open::Answered() {
+  if (auto told = CurrentObserver()) {
+    ActionCompleted completed;
+    completed.requestId = requestId_;
+    completed.time = std::chrono::system_clock::now();
+    {
+      std::lock_guard<std::mutex> hold(mutex_);
+      completed.status = status_;
+      completed.rows = rows_;
+      completed.detail = std::move(detail_);
+    }
+    told->Completed(completed);
+  }
+  PostDelivery(shared_from_this());
+}
 
 bool Open::Busy() const {
   std::lock_guard<std::mutex> hold(mutex_);
@@ -108,3 +144,14 @@ void StartDelivery() { Queue().Start(); }
 void PostDelivery(std::shared_ptr<Open> open) { Queue().Post(std::move(open)); }
 
 }  // namespace qmta::host::internal
+
+namespace qmta::host {
+
+void SetActionObserver(std::shared_ptr<ActionObserver> replacement) {
+  std::shared_ptr<ActionObserver> old;  // released outside the lock
+  std::lock_guard<std::mutex> hold(internal::observerMutex);
+  old = std::exchange(internal::observer, std::move(replacement));
+  internal::observed.store(internal::observer != nullptr, std::memory_order_release);
+}
+
+}  // namespace qmta::host

@@ -19,13 +19,20 @@
 #include <vector>
 
 #include "host/common/firstanswer.h"
+#include "host/services/actiontap.h"
 #include "platform/dbq1.h"
 
 namespace qmta::host::internal {
 
 class Open final : public FirstAnswer, public std::enable_shared_from_this<Open> {
  public:
-  explicit Open(const DBQ1_AsyncNotify& notify) : notify_(notify) {}
+  Open(const DBQ1_AsyncNotify& notify, uint32_t requestId)
+      : notify_(notify), requestId_(requestId) {}
+
+  uint32_t requestId() const { return requestId_; }
+
+  // Kept for the action observer, which hears of it with the answer.
+  void Detail(ActionDetail detail) override;
 
   // True from the start until the completion routine has been called (or
   // the open was closed): a new open of the request is refused until then.
@@ -52,12 +59,18 @@ class Open final : public FirstAnswer, public std::enable_shared_from_this<Open>
   void Answered() override;
 
   const DBQ1_AsyncNotify notify_;
+  const uint32_t requestId_;  // the REQUESTID bound at the open
   // Guarded by FirstAnswer's mutex_, like the answer itself.
   std::condition_variable returned_;  // the routine has returned
   Routine routine_ = Routine::kNotYet;
   std::thread::id deliverer_;         // thread running the routine
   size_t nextRow_ = 0;
+  ActionDetail detail_;
 };
+
+// The action observer (actiontap.h), null when none is set; a reference
+// held for the length of one call.
+std::shared_ptr<ActionObserver> CurrentObserver();
 
 // Runs completion routines on the service's own threads, in the order the
 // opens completed. Process-wide; its threads live as long as the process.

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "host/drivers/driver.h"
+#include "host/services/actiontap.h"
 #include "host/services/control.h"
 #include "host/services/destinations.h"
 #include "host/services/export.h"
@@ -157,6 +158,12 @@ class Request final : public Counted {
       busy_ = false;
     }
     if (open) open->Close();
+  }
+
+  // The REQUESTID of the current open; 0 when there is none.
+  uint32_t CurrentRequestId() {
+    std::lock_guard<std::mutex> hold(mutex_);
+    return current_ ? current_->requestId() : 0;
   }
 
   int32_t Fetch(int32_t* returnCode) {
@@ -400,7 +407,9 @@ QMTA_HOSTSVC_API int32_t DBQ1_DropHandle(DBQ1_Handle handle) {
 }
 
 QMTA_HOSTSVC_API int32_t DBQ1_OpenRequest(DBQ1_Handle request, DBQ1_Sqlda* input) {
-  return Run(Op::kOpenRequest, [&] {
+  auto observer = CurrentObserver();
+  qmta::host::ActionOpened opened;  // for the observer
+  int32_t result = Run(Op::kOpenRequest, [&] {
     std::shared_ptr<Request> found;
     int32_t status = FindAs(request, Kind::kRequest, &found);
     if (status != DBQ1_OK) return status;
@@ -411,11 +420,21 @@ QMTA_HOSTSVC_API int32_t DBQ1_OpenRequest(DBQ1_Handle request, DBQ1_Sqlda* input
     action.deadline = std::chrono::steady_clock::now() + kCallerWait +
                       std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                           qmta::host::ClockShift());
-    std::shared_ptr<qmta::host::Driver> driver = RouteDestination(action.destination);
-    auto open = std::make_shared<Open>(found->notify());
+    std::shared_ptr<qmta::host::Driver> driver =
+        RouteDestination(action.destination, observer ? &opened.driver : nullptr,
+                         observer ? &opened.line : nullptr);
+    auto open = std::make_shared<Open>(found->notify(), action.requestId);
     status = found->Begin(open, driver);
     if (status != DBQ1_OK) return status;
     opensStarted.fetch_add(1);
+    if (observer) {  // told before the driver can answer
+      opened.requestId = action.requestId;
+      opened.command = action.command;
+      opened.callType = action.callType;
+      opened.destination = action.destination;
+      opened.time = std::chrono::system_clock::now();
+      observer->Opened(opened);
+    }
     if (!driver) {
       open->Fail(DBQ1_DEST_OFFLINE);  // no directory line serves it
       return int32_t{DBQ1_OK};
@@ -427,6 +446,21 @@ QMTA_HOSTSVC_API int32_t DBQ1_OpenRequest(DBQ1_Handle request, DBQ1_Sqlda* input
     }
     return int32_t{DBQ1_OK};
   });
+  if (observer && result != DBQ1_OK) {
+    // A refused open, attributed to the request id bound, when it can be read.
+    qmta::host::Action action;
+    if (input != nullptr && ReadAction(*input, qmta::host::EventTable::kRmEvents, &action) == DBQ1_OK) {
+      opened = {};
+      opened.requestId = action.requestId;
+      opened.command = action.command;
+      opened.callType = action.callType;
+      opened.destination = action.destination;
+      opened.status = result;
+      opened.time = std::chrono::system_clock::now();
+      observer->Opened(opened);
+    }
+  }
+  return result;
 }
 
 QMTA_HOSTSVC_API int32_t DBQ1_CloseRequest(DBQ1_Handle request) {
@@ -451,7 +485,7 @@ QMTA_HOSTSVC_API int32_t DBQ1_GetOutputSQLDA(DBQ1_Handle cursor, DBQ1_Sqlda** ou
 }
 
 QMTA_HOSTSVC_API int32_t DBQ1_Fetch(DBQ1_Handle cursor, DBQ1_Sqlda* output) {
-  return Run(Op::kFetch, [&] {
+  int32_t result = Run(Op::kFetch, [&] {
     std::shared_ptr<Request> owner;
     int32_t status = FindCursorOwner(cursor, &owner);
     if (status != DBQ1_OK) return status;
@@ -463,6 +497,13 @@ QMTA_HOSTSVC_API int32_t DBQ1_Fetch(DBQ1_Handle cursor, DBQ1_Sqlda* output) {
     if (status == DBQ1_OK) memcpy(output->var[0].data, &returnCode, 4);
     return status;
   });
+  if (result != DBQ1_OK && result != DBQ1_NO_MORE_ROWS) {
+    std::shared_ptr<Request> owner;
+    auto observer = CurrentObserver();
+    if (observer && FindCursorOwner(cursor, &owner) == DBQ1_OK)
+      if (uint32_t id = owner->CurrentRequestId()) observer->FetchFailed(id, result);
+  }
+  return result;
 }
 
 }  // extern "C"

@@ -43,23 +43,32 @@ void RunnerEnded() {
   if (runners().live.fetch_sub(1) == 1) runners().idle.notify_all();
 }
 
-// Runs the program of `job` to its end and returns its return code.
-int RunProgram(const LocalSettings& settings, Job& job, local::Output& output) {
+// Runs the program of `job` to its end and returns its return code;
+// `*ran` tells whether the program was started.
+int RunProgram(const LocalSettings& settings, Job& job, local::Output& output, bool* ran) {
   local::Program program;
   if (!local::ResolveProgram(settings.actionsDir, job.action, &program, output)) return 127;
   local::Started started;
   if (int code = local::StartProgram(job, program, &started, output)) return code;
+  *ran = true;
   int code = local::WatchProgram(settings, job, started, output);
   local::ReleaseWake(job);
   return code;
 }
 
 // The same, once what it said has been written (unless standard error is
-// blocked).
+// blocked); the output and exit go to the completion's detail.
 int Execute(const LocalSettings& settings, Job& job) {
   local::Output output(job.action.requestId);
-  int code = RunProgram(settings, job, output);
+  bool ran = false;
+  int code = RunProgram(settings, job, output, &ran);
   output.End();
+  ActionDetail detail;
+  detail.output = std::move(output.captured);
+  detail.outputCut = output.cut;
+  detail.signal = job.exitSignal;
+  if (ran && job.exitSignal == 0) detail.exitStatus = code;
+  job.done->Detail(std::move(detail));
   return code;
 }
 

@@ -66,7 +66,15 @@ class Output {
   // (a second at most).
   void End();
 
+  // Every line of the action, the driver's own too, as the journal keeps
+  // it: the first kCaptureMax bytes, `cut` when there was more.
+  static constexpr size_t kCaptureMax = 16 * 1024;
+  std::string captured;
+  bool cut = false;
+
  private:
+  void Capture(std::string_view text);
+
   std::shared_ptr<OutputQueue> queue_;
 };
 
@@ -106,6 +114,9 @@ struct Job {
   std::mutex mutex;
   bool stopped = false;
   int wakeFd = -1;  // the eventfd while the program runs (spawn.cpp)
+
+  // The runner thread's alone: the signal that ended the program, if one did.
+  int exitSignal = 0;
 
   // The request was closed: the program is to be ended (or never started).
   void Stop();

@@ -193,9 +193,25 @@ Output::Output(uint32_t requestId) : queue_(std::make_shared<OutputQueue>(reques
 
 Output::~Output() = default;
 
-void Output::Note(std::string_view text) { writer().Note(queue_, text); }
+void Output::Capture(std::string_view text) {
+  if (cut) return;
+  if (captured.size() + text.size() + 1 > kCaptureMax) {
+    cut = true;
+    return;
+  }
+  captured.append(text);
+  captured += '\n';
+}
 
-void Output::Line(std::string_view text) { writer().Line(queue_, text); }
+void Output::Note(std::string_view text) {
+  Capture(text);
+  writer().Note(queue_, text);
+}
+
+void Output::Line(std::string_view text) {
+  Capture(text);
+  writer().Line(queue_, text);
+}
 
 bool Output::Room() const { return writer().Room(*queue_); }
 

@@ -85,6 +85,7 @@ class Watch {
       TakeWake();
       CheckExit();
     }
+    if (info_.si_code != CLD_EXITED) job_.exitSignal = info_.si_status;
     return ExitCode(info_);
   }
 

@@ -41,6 +41,9 @@ void Say(const std::string& text) { qmta::host::Say("qmtahost: nats: ", text); }
 
 using Clock = std::chrono::steady_clock;
 
+// The output an agent sends with its answer: what the journal keeps.
+constexpr size_t kOutputWanted = 16 * 1024;
+
 // One request, from Start until its answer, its close or a lost
 // connection takes it out of `State::pending`.
 struct Pending {
@@ -184,6 +187,9 @@ struct State {
                                   static_cast<int>(data.size()));
     if (s == NATS_OK && timeLeftMs >= 0)
       s = natsMsgHeader_Set(message, wire::kTimeLeftHeader, std::to_string(timeLeftMs).c_str());
+    // The program's output with the answer, for the journal (version 3).
+    if (s == NATS_OK)
+      s = natsMsgHeader_Set(message, wire::kOutputHeader, std::to_string(kOutputWanted).c_str());
     if (s == NATS_OK) s = natsConnection_PublishMsg(connection, message);
     natsMsg_Destroy(message);
     return s;
@@ -236,10 +242,19 @@ void OnReply(natsConnection*, natsSubscription*, natsMsg* message, void* closure
   } else if (!good) {
     Say("unreadable reply (" + error + ")");
     done->Fail(DBQ1_ACTION_FAILED);
-  } else if (reply.failed) {
-    done->Fail(reply.status);
   } else {
-    done->Rows(std::move(reply.codes));
+    if (reply.hasDetail) {
+      ActionDetail detail;
+      detail.output = std::move(reply.output);
+      detail.outputCut = reply.outputCut;
+      detail.exitStatus = reply.exitStatus;
+      detail.signal = reply.signal;
+      done->Detail(std::move(detail));
+    }
+    if (reply.failed)
+      done->Fail(reply.status);
+    else
+      done->Rows(std::move(reply.codes));
   }
 }
 

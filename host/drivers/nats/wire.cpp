@@ -97,6 +97,15 @@ std::string EncodeReply(const Reply& reply) {
     data += ' ';
     data += std::to_string(code);
   }
+  if (reply.hasDetail) {
+    std::string_view output(reply.output);
+    output = output.substr(0, kOutputMax);
+    data += "\nQMTA1 OUTPUT " + std::to_string(reply.exitStatus) + " " +
+            std::to_string(reply.signal) + " " +
+            (reply.outputCut || output.size() < reply.output.size() ? "1" : "0") + " " +
+            std::to_string(output.size()) + "\n";
+    data += output;
+  }
   return data;
 }
 
@@ -133,9 +142,34 @@ bool DecodeRequest(std::string_view data, Request* request, std::string* error) 
   return true;
 }
 
+// The detail after a reply's line (version 3).
+bool DecodeDetail(std::string_view data, Reply* reply, std::string* error) {
+  size_t end = data.find('\n');
+  std::vector<std::string_view> fields;
+  int32_t cut = 0;
+  size_t length = 0;
+  if (end == std::string_view::npos || !Fields(data.substr(0, end), &fields) ||
+      fields.size() != 6 || fields[0] != "QMTA1" || fields[1] != "OUTPUT" ||
+      !ParseNumber(fields[2], &reply->exitStatus) || !ParseNumber(fields[3], &reply->signal) ||
+      !ParseNumber(fields[4], &cut, 0, 1) || !ParseNumber(fields[5], &length) ||
+      length > kOutputMax || data.size() - end - 1 != length) {
+    *error = "bad output in a reply";
+    return false;
+  }
+  reply->hasDetail = true;
+  reply->outputCut = cut == 1;
+  reply->output.assign(data.substr(end + 1));
+  return true;
+}
+
 bool DecodeReply(std::string_view data, Reply* reply, std::string* error) {
   std::vector<std::string_view> fields;
   *reply = Reply();
+  size_t lineEnd = data.find('\n');
+  if (lineEnd != std::string_view::npos) {
+    if (!DecodeDetail(data.substr(lineEnd + 1), reply, error)) return false;
+    data = data.substr(0, lineEnd);
+  }
   if (!Fields(data, &fields) || fields.size() < 3 || fields[0] != "QMTA1" ||
       !ParseNumber(fields[2], &reply->id)) {
     *error = "not a reply";
@@ -182,6 +216,10 @@ bool DecodeCancel(std::string_view data, Cancel* cancel, std::string* error) {
 
 bool DecodeTimeLeft(std::string_view text, int64_t* milliseconds) {
   return ParseNumber(text, milliseconds, int64_t{0}, kTimeLeftMax);
+}
+
+bool DecodeOutputWanted(std::string_view text, size_t* bytes) {
+  return ParseNumber(text, bytes, size_t{1}, kOutputMax);
 }
 
 }  // namespace qmta::host::wire

@@ -25,6 +25,17 @@
 //     subject "<node subject>.cancel" when the host stops waiting:
 //       QMTA1 CANCEL <id> <reply subject of the request>
 //   - the reply status kStatusQueueFull.
+// Version 3 adds the program's output to the answer, for the host's action
+// journal, again so that either side of an earlier version still works:
+//   - the request header "Qmta-Output: <bytes>": the host takes up to that
+//     much output (1 to kOutputMax) with the answer; an older host sends no
+//     such header and gets the replies above;
+//   - an agent of version 3 that got the header adds, after the reply line
+//     and a line end, the detail of the program's end:
+//       QMTA1 OUTPUT <exit status> <signal> <cut> <length>\n<output>
+//     (exit status -1 when there is none, signal 0 when none ended it, cut
+//     1 when the program printed more than the output holds); a reply
+//     without it (an older agent) still decodes.
 // A change that an older side could misread would change "QMTA1".
 #ifndef HOST_DRIVERS_NATS_WIRE_H_
 #define HOST_DRIVERS_NATS_WIRE_H_
@@ -53,6 +64,10 @@ constexpr int64_t kTimeLeftDefault = 60000;
 constexpr int32_t kStatusQueueFull = 2021;
 // Longest reply subject a cancel names.
 constexpr size_t kReplySubjectMax = 255;
+// The request header that asks for the program's output with the answer
+// (version 3), and the most output a reply may carry.
+constexpr const char* kOutputHeader = "Qmta-Output";
+constexpr size_t kOutputMax = 64 * 1024;
 
 std::string NodeSubject(std::string_view node);
 // The subject of the node's cancel messages: its subject and ".cancel"
@@ -73,6 +88,12 @@ struct Reply {
   bool failed = false;  // true: `status`; false: `codes`
   int32_t status = 0;
   std::vector<int32_t> codes;
+  // Version 3: how the program ended, sent when the request asked for it.
+  bool hasDetail = false;
+  int32_t exitStatus = -1;
+  int32_t signal = 0;
+  bool outputCut = false;
+  std::string output = {};  // at most kOutputMax bytes
 };
 
 struct Cancel {
@@ -91,6 +112,9 @@ bool DecodeCancel(std::string_view data, Cancel* cancel, std::string* error);
 // The value of a kTimeLeftHeader header; false for anything but a number
 // of milliseconds from 0 to kTimeLeftMax.
 bool DecodeTimeLeft(std::string_view text, int64_t* milliseconds);
+// The value of a kOutputHeader header; false for anything but a number of
+// bytes from 1 to kOutputMax.
+bool DecodeOutputWanted(std::string_view text, size_t* bytes);
 
 }  // namespace qmta::host::wire
 

@@ -53,10 +53,12 @@ struct Agent::Served {
 // driver while it runs.
 class Request final : public host::Completion, public std::enable_shared_from_this<Request> {
  public:
+  // `outputWanted`: the most output the host takes with the answer; 0 for
+  // a host that asks for none (before version 3).
   Request(Agent* agent, Agent::Served* served, std::string reply, host::Action action,
-          Clock::time_point deadline)
+          Clock::time_point deadline, size_t outputWanted)
       : agent_(agent), served_(served), reply_(std::move(reply)), action_(std::move(action)),
-        deadline_(deadline) {}
+        deadline_(deadline), outputWanted_(outputWanted) {}
 
   Agent::Served& served() const { return *served_; }
   const std::string& reply() const { return reply_; }
@@ -78,6 +80,11 @@ class Request final : public host::Completion, public std::enable_shared_from_th
     answer.failed = true;
     answer.status = status == DBQ1_OK ? DBQ1_ACTION_FAILED : status;
     Finish(answer);
+  }
+  // The program's output and exit, before Rows or Fail (local driver).
+  void Detail(host::ActionDetail detail) override {
+    std::lock_guard<std::mutex> hold(mutex_);
+    detail_ = std::move(detail);
   }
   void OnClose(std::function<void()> stop) override {
     {
@@ -112,7 +119,7 @@ class Request final : public host::Completion, public std::enable_shared_from_th
   }
 
  private:
-  void Finish(const wire::Reply& answer) {
+  void Finish(wire::Reply answer) {
     bool send;
     {
       std::lock_guard<std::mutex> hold(mutex_);
@@ -120,6 +127,13 @@ class Request final : public host::Completion, public std::enable_shared_from_th
       finished_ = true;
       send = !std::exchange(silent_, true);
       stop_ = nullptr;
+      if (outputWanted_ > 0) {
+        answer.hasDetail = true;
+        answer.exitStatus = detail_.exitStatus;
+        answer.signal = detail_.signal;
+        answer.outputCut = detail_.outputCut || detail_.output.size() > outputWanted_;
+        answer.output = detail_.output.substr(0, outputWanted_);
+      }
     }
     if (send) agent_->Publish(reply_, wire::EncodeReply(answer));
     agent_->Finished(shared_from_this());
@@ -130,6 +144,7 @@ class Request final : public host::Completion, public std::enable_shared_from_th
   const std::string reply_;
   const host::Action action_;
   const Clock::time_point deadline_;
+  const size_t outputWanted_;
   // Guards the members below: taken by the runner reporting the end, by
   // the thread taking a cancel and by the main thread stopping.
   mutable std::mutex mutex_;
@@ -137,6 +152,7 @@ class Request final : public host::Completion, public std::enable_shared_from_th
   bool ending_ = false;    // the program is to end
   bool finished_ = false;  // the driver reported the end
   std::function<void()> stop_;
+  host::ActionDetail detail_;
 };
 
 namespace {
@@ -300,6 +316,12 @@ void Agent::Handle(Served& served, natsMsg* message) {
     good = false;
     error = "bad time left";
   }
+  size_t outputWanted = 0;  // none asked for: an older host
+  if (good && natsMsgHeader_Get(message, wire::kOutputHeader, &header) == NATS_OK &&
+      !wire::DecodeOutputWanted(header ? header : "", &outputWanted)) {
+    good = false;
+    error = "bad output size";
+  }
   if (!good) {
     Say("refused a request on " + served.subject + ": " + error);
     Publish(reply, StatusReply(request.id, DBQ1_BAD_PARAMETER));
@@ -311,7 +333,8 @@ void Agent::Handle(Served& served, natsMsg* message) {
   action.command = std::move(request.command);
   action.destination = std::move(request.node);
   auto taken = std::make_shared<Request>(this, &served, reply, std::move(action),
-                                         Clock::now() + std::chrono::milliseconds(timeLeft));
+                                         Clock::now() + std::chrono::milliseconds(timeLeft),
+                                         outputWanted);
   if (timeLeft == 0) {
     Say(taken->Name() + " not started: it came with no time left");
     return;

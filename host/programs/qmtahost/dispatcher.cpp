@@ -135,6 +135,7 @@ void Dispatcher::HandleText(Work& batch) {
     if (!refused.empty()) {
       Refuse(work, "line " + std::to_string(number), refused);
     } else if (work.line.kind != InputLine::Kind::kSkip) {
+      work.line.event.source = "line " + std::to_string(number);
       events += work.line.kind == InputLine::Kind::kEvent;
       Handle(work);
     }
@@ -180,6 +181,7 @@ size_t Dispatcher::Enqueue(std::vector<Line> lines, const std::string& source,
     } else if (!refused.empty()) {
       Refuse(work, where(line.number), refused);
     } else {
+      work.line.event.source = where(line.number);
       admitted.push_back(std::move(work));
       numbers.push_back(line.number);
     }

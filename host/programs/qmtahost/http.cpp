@@ -7,6 +7,7 @@
 #include <strings.h>
 #include <sys/stat.h>
 
+#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -15,8 +16,10 @@
 #include "host/common/files.h"
 #include "host/common/number.h"
 #include "host/common/say.h"
+#include "host/programs/qmtahost/history.h"
 #include "host/programs/qmtahost/intake.h"
 #include "host/programs/qmtahost/linereader.h"
+#include "host/programs/qmtahost/page.h"
 
 namespace qmta::hostprog {
 namespace {
@@ -67,8 +70,15 @@ const char* Header(MHD_Connection* connection, const char* name) {
 
 // One request being read: the endpoint that answers it, and its body.
 struct HttpServer::Request {
-  enum class Endpoint { kHealth, kReady, kMetrics, kEvents, kCommands, kAlerts } endpoint;
+  enum class Endpoint {
+    kHealth, kReady, kMetrics, kEvents, kCommands, kAlerts, kActions, kRules, kLogin, kLogout,
+    kFile
+  } endpoint;
+  std::string_view file;  // kFile: a file of the page, built into the program
+  const char* fileType = nullptr;
   std::string body;
+  std::string session;  // the session cookie's value, for a logout
+  std::map<std::string, std::string> query;  // GET /v1/actions' parameters
 };
 
 // What to send back.
@@ -89,6 +99,29 @@ struct HttpServer::Answer {
     Answer answer;
     answer.status = status;
     answer.body = Dump(Json{{"error", error}});
+    return answer;
+  }
+  // A page or one of its files, with the headers that keep it to itself:
+  // nothing from elsewhere, no framing, nothing cached.
+  static Answer Page(unsigned status, std::string content, const char* type) {
+    Answer answer;
+    answer.status = status;
+    answer.body = std::move(content);
+    answer.type = type;
+    answer.headers = {
+        {"Content-Security-Policy",
+         "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; "
+         "img-src 'self'; form-action 'self'; frame-ancestors 'none'; base-uri 'none'"},
+        {"X-Content-Type-Options", "nosniff"},
+        {"X-Frame-Options", "DENY"},
+        {"Referrer-Policy", "no-referrer"},
+        {MHD_HTTP_HEADER_CACHE_CONTROL, "no-store"}};
+    return answer;
+  }
+  static Answer SeeOther(const std::string& cookie) {
+    Answer answer = Text(303, "");
+    answer.headers = {{MHD_HTTP_HEADER_LOCATION, "/"}, {MHD_HTTP_HEADER_CACHE_CONTROL, "no-store"}};
+    if (!cookie.empty()) answer.headers.emplace_back(MHD_HTTP_HEADER_SET_COOKIE, cookie);
     return answer;
   }
 };
@@ -308,39 +341,76 @@ HttpServer::Answer HttpServer::Route(MHD_Connection* connection, Request* reques
                                      std::string_view method, std::string_view path) {
   using Endpoint = Request::Endpoint;
   const bool get = method == "GET" || method == "HEAD";
-  if (path == "/healthz") {
+  const bool post = method == "POST";
+  auto only = [](const char* allowed) {
+    Answer answer = Answer::Error(405, std::string(allowed) + " only");
+    answer.headers.emplace_back(MHD_HTTP_HEADER_ALLOW,
+                                std::string_view(allowed) == "GET" ? "GET, HEAD" : allowed);
+    return answer;
+  };
+  // Open to all: liveness, the login form's style, and the login itself.
+  if (path == "/healthz" || path == "/page.css") {
+    if (!get) return only("GET");
     request->endpoint = Endpoint::kHealth;
-    if (get) return {};
+    if (PageFile(path, &request->file, &request->fileType)) request->endpoint = Endpoint::kFile;
+    return {};
+  }
+  const bool login = path == "/login" || path == "/logout";
+  if (login) {
+    if (!post) return only("POST");
+    request->endpoint = path == "/login" ? Endpoint::kLogin : Endpoint::kLogout;
+    const char* cookie = MHD_lookup_connection_value(connection, MHD_COOKIE_KIND, Sessions::kCookie);
+    request->session = cookie == nullptr ? "" : cookie;
   } else if (!config_.token.empty()) {
+    // A bearer token, or for a GET a browser session (page.h).
     const char* given = Header(connection, MHD_HTTP_HEADER_AUTHORIZATION);
     std::string_view credentials = given == nullptr ? "" : given;
     bool bearer = credentials.size() > 7 && strncasecmp(credentials.data(), "Bearer ", 7) == 0;
-    if (!bearer || !SameSecret(credentials.substr(7), config_.token)) {
+    const char* cookie = MHD_lookup_connection_value(connection, MHD_COOKIE_KIND, Sessions::kCookie);
+    bool session = get && cookie != nullptr && sessions_.Valid(cookie);
+    if (!session && (!bearer || !SameSecret(credentials.substr(7), config_.token))) {
+      if (path == "/" && get) return Answer::Page(401, LoginPage(""), "text/html; charset=utf-8");
       Answer answer = Answer::Error(401, "a bearer token is required");
       answer.headers.emplace_back(MHD_HTTP_HEADER_WWW_AUTHENTICATE, "Bearer realm=\"qmtahost\"");
       return answer;
     }
   }
-  const bool events = path == "/v1/events", commands = path == "/v1/commands",
-             alerts = path == "/v1/alertmanager";
-  if (path != "/healthz" && path != "/readyz" && path != "/metrics" && !events && !commands &&
-      !alerts)
+  if (path == "/" || path == "/page.js") {
+    if (!get) return only("GET");
+    PageFile(path, &request->file, &request->fileType);
+    request->endpoint = Endpoint::kFile;
+    return {};
+  }
+  const bool events = path == "/v1/events", commands = path == "/v1/commands";
+  const bool actions = path == "/v1/actions", rules = path == "/v1/rules";
+  const bool alerts = path == "/v1/alertmanager";
+  if (path != "/readyz" && path != "/metrics" && !events && !commands && !actions && !rules &&
+      !login && !alerts)
     return Answer::Error(404, "no such path");
   if (events || commands || alerts) {
-    if (method != "POST") {
-      Answer answer = Answer::Error(405, "POST only");
-      answer.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, "POST");
-      return answer;
-    }
-  } else if (!get) {
-    Answer answer = Answer::Error(405, "GET only");
-    answer.headers.emplace_back(MHD_HTTP_HEADER_ALLOW, "GET, HEAD");
-    return answer;
+    if (!post) return only("POST");
+  } else if (!get && !login) {
+    return only("GET");
+  }
+  if (rules) {
+    request->endpoint = Endpoint::kRules;
+    return {};
   }
   // Answered once the request is in (answered now, a keep-alive connection
   // would close after it).
   if (path == "/readyz" || path == "/metrics") {
     request->endpoint = path == "/readyz" ? Endpoint::kReady : Endpoint::kMetrics;
+    return {};
+  }
+  if (actions) {
+    request->endpoint = Endpoint::kActions;
+    MHD_get_connection_values(
+        connection, MHD_GET_ARGUMENT_KIND,
+        [](void* into, MHD_ValueKind, const char* key, const char* value) {
+          (*static_cast<std::map<std::string, std::string>*>(into))[key] = value ? value : "";
+          return MHD_YES;
+        },
+        &request->query);
     return {};
   }
   // A body: refused at once when it says it is too large.
@@ -359,7 +429,8 @@ HttpServer::Answer HttpServer::Route(MHD_Connection* connection, Request* reques
       return answer;
     }
   }
-  request->endpoint = events ? Endpoint::kEvents : alerts ? Endpoint::kAlerts : Endpoint::kCommands;
+  if (!login)
+    request->endpoint = events ? Endpoint::kEvents : alerts ? Endpoint::kAlerts : Endpoint::kCommands;
   return {};
 }
 
@@ -383,6 +454,27 @@ HttpServer::Answer HttpServer::Respond(const Request& request) {
       return Command(request.body);
     case Request::Endpoint::kAlerts:
       return Alerts(request.body);
+    case Request::Endpoint::kRules:
+      return Rules();
+    case Request::Endpoint::kFile:
+      return Answer::Page(200, std::string(request.file), request.fileType);
+    case Request::Endpoint::kLogin: {
+      std::string token;
+      if (config_.token.empty()) return Answer::SeeOther("");  // nothing to log in to
+      if (!FormField(request.body, "token", &token) || !SameSecret(token, config_.token))
+        return Answer::Page(401, LoginPage("That is not the token."), "text/html; charset=utf-8");
+      std::string id = sessions_.Start();
+      if (id.empty()) return Answer::Error(500, "no random bytes for a session");
+      return Answer::SeeOther(Sessions::CookieHeader(id, !config_.cert.empty()));
+    }
+    case Request::Endpoint::kLogout:
+      sessions_.End(request.session);
+      return Answer::SeeOther(Sessions::CookieHeader("", !config_.cert.empty()));
+    case Request::Endpoint::kActions: {
+      Answer answer;
+      answer.status = ActionsAnswer(request.query, &answer.body);
+      return answer;
+    }
   }
   return Answer::Error(500, "no endpoint");
 }
@@ -444,6 +536,17 @@ HttpServer::Answer HttpServer::Events(const std::string& body) {
   Answer answer;
   answer.status = 202;
   answer.body = Dump({{"taken", taken}});
+  return answer;
+}
+
+// The rules loaded, as the module's DISPLAY lists them (which also goes to
+// standard output, as every command's answer does).
+HttpServer::Answer HttpServer::Rules() {
+  ControlReply reply = dispatcher_->Submit("DISPLAY", "http", true).get();
+  if (!reply.ok) return Answer::Error(503, reply.error);
+  Answer answer;
+  answer.status = 200;
+  answer.body = Dump(Json{{"lines", reply.output}});
   return answer;
 }
 

@@ -9,13 +9,20 @@
 //                      naming the alerts delivered, unchanged and refused
 //   POST /v1/commands  one line as the control socket takes it (a module
 //                      command, a drain, a reload), answered as there
+//   GET  /v1/actions   the action journal, filtered as `qmtahost history`
+//                      filters (history.h), as JSON
 //   GET  /metrics      Prometheus text format (metrics.h)
 //   GET  /healthz      200 while the process runs
 //   GET  /readyz       200 once the module has started with a table loaded
+//   GET  /v1/actions   the action journal, filtered (history.h)
+//   GET  /v1/rules     the rules loaded, as the module's DISPLAY lists them
+//   GET  /             the operator page (page.h), with /page.js, /page.css
+//   POST /login        form field `token`: a browser session; /logout ends it
 //
-// Every path but /healthz needs `Authorization: Bearer TOKEN` when a token
-// file is given; without one the server listens on loopback addresses
-// only. Bodies, headers, connections and idle time are bounded.
+// Every path but /healthz, /page.css and /login needs `Authorization:
+// Bearer TOKEN` when a token file is given (a GET may carry a browser
+// session's cookie instead); without one the server listens on loopback
+// addresses only. Bodies, headers, connections and idle time are bounded.
 //
 // Threads: libmicrohttpd runs a listening thread and one thread per
 // connection (at most `connections`); a connection's thread parses and
@@ -35,6 +42,7 @@
 #include "host/programs/qmtahost/dispatcher.h"
 #include "host/programs/qmtahost/metrics.h"
 #include "host/programs/qmtahost/outputrelay.h"
+#include "host/programs/qmtahost/page.h"
 
 struct MHD_Daemon;
 struct MHD_Connection;
@@ -106,11 +114,13 @@ class HttpServer {
   Answer Events(const std::string& body);
   Answer Command(const std::string& body);
   Answer Alerts(const std::string& body);
+  Answer Rules();
 
   Dispatcher* dispatcher_;
   Metrics* metrics_;
   const OutputRelay* relay_;
   HttpConfig config_;
+  Sessions sessions_;
   MHD_Daemon* daemon_ = nullptr;
   std::unique_ptr<AlertIntake> alerts_;  // made by Start
 };

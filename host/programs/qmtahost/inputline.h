@@ -25,6 +25,7 @@ struct Event {
   std::optional<std::string> threshold;  // none: no threshold is passed
   bool pathHandle = true;                // pass the host's own path
   int32_t onDS = 1;
+  std::string source;  // where it came from, as the dispatcher names it
 };
 
 struct InputLine {

@@ -35,6 +35,7 @@
 #include "host/drivers/sim.h"
 #include "host/programs/qmtahost/control.h"
 #include "host/programs/qmtahost/explain.h"
+#include "host/programs/qmtahost/history.h"
 #include "host/programs/qmtahost/http.h"
 #include "host/programs/qmtahost/inputline.h"
 #include "host/programs/qmtahost/module.h"
@@ -216,6 +217,10 @@ int Run(const Options& options, bool stdoutClosed) {
   settings.maxActions = options.maxActions ? *options.maxActions
                                            : host::DefaultMaxActions(host::RaiseDescriptorLimit());
   settings.http = std::move(http);
+  settings.journal = !options.journal.empty() ? setup.Absolute(options.journal)
+                     : options.serve          ? StateJournalPath()
+                                              : std::string();
+  settings.journalKeep = options.journalKeep;
   int status = RunService(entries, settings);
   // Program output that a blocked standard error held back, if it takes
   // it now.
@@ -239,6 +244,7 @@ int main(int argc, char** argv) {
   if (argc > 1 && strcmp(argv[1], "explain") == 0) return RunExplain(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "ctl") == 0) return RunCtl(argc - 1, argv + 1);
   if (argc > 1 && strcmp(argv[1], "send") == 0) return RunSend(argc - 1, argv + 1);
+  if (argc > 1 && strcmp(argv[1], "history") == 0) return RunHistory(argc - 1, argv + 1);
 
   // Before any thread starts; action programs get the limit as it was.
   host::RaiseDescriptorLimit();

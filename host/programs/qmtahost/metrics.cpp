@@ -4,6 +4,7 @@
 
 #include <cmath>
 
+#include "host/programs/qmtahost/journal.h"
 #include "host/services/control.h"
 
 namespace qmta::hostprog {
@@ -333,7 +334,7 @@ std::string Metrics::Render(const Dispatcher& dispatcher, const OutputRelay& rel
   std::string why;
   Head(&out, "qmta_ready", "gauge", "1 when the module has started and its table is loaded.");
   Sample(&out, "qmta_ready", "", Ready(&why) ? 1 : 0);
-  return out;
+  return out + JournalMetrics();
 }
 
 }  // namespace qmta::hostprog

@@ -100,7 +100,7 @@ void Initialise(QMTAINIT_Entry init) {
   start->finished.wait(hold, [&] { return start->done; });
 }
 
-void SendEvent(const Entries& module, const Event& event) {
+int32_t SendEvent(const Entries& module, const Event& event) {
   std::vector<const char*> names, values;
   for (const auto& [name, value] : event.attributes) {
     names.push_back(name.c_str());
@@ -109,7 +109,7 @@ void SendEvent(const Entries& module, const Event& event) {
   std::string timestamp = event.timestamp ? *event.timestamp : Now();
   DBQ1_Handle path = {};
   if (event.pathHandle) path = host::OwnPath();
-  module.event(event.sitname.c_str(), event.originnode.c_str(), event.prevstate,
+  return module.event(event.sitname.c_str(), event.originnode.c_str(), event.prevstate,
                event.currstate, timestamp.c_str(), static_cast<int32_t>(names.size()),
                names.empty() ? nullptr : names.data(),
                values.empty() ? nullptr : values.data(),

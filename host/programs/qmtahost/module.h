@@ -31,8 +31,9 @@ std::string DefaultModule();
 // returned. The entry detaches that thread, so it is never joined.
 void Initialise(QMTAINIT_Entry init);
 
-// One event through the event exit; a missing timestamp is now's.
-void SendEvent(const Entries& module, const Event& event);
+// One event through the event exit; a missing timestamp is now's. The
+// exit's result.
+int32_t SendEvent(const Entries& module, const Event& event);
 // One operator command through the command entry.
 void SendCommand(const Entries& module, const std::string& text);
 

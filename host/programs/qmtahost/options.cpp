@@ -6,18 +6,19 @@
 #include <vector>
 
 #include "host/common/number.h"
+#include "host/programs/qmtahost/journal.h"
 
 namespace qmta::hostprog {
 
 const char kUsage[] =
     "usage: qmtahost [--dir DIR] [--nodes FILE] [--actions DIR] [--module PATH]\n"
     "                [--server NAME] [--trace LEVEL] [--no-init] [--command-length N]\n"
-    "                [--allow-any-text] [INPUT]\n"
+    "                [--allow-any-text] [--journal FILE] [INPUT]\n"
     "       qmtahost serve [--control PATH] [--listen ADDR:PORT [--token-file FILE]\n"
     "                      [--tls-cert FILE --tls-key FILE]] [--events-nats URL ...] [OPTION]...\n"
     "       qmtahost ctl [--control PATH] LINE...\n"
     "       qmtahost send [--nats URL] [--subject SUBJECT] [CREDENTIALS] EVENT...\n"
-    "       qmtahost check|explain ...\n";
+    "       qmtahost check|explain|history ...\n";
 
 const char kHelp[] =
     "usage: qmtahost [OPTION]... [INPUT]\n"
@@ -27,6 +28,8 @@ const char kHelp[] =
     "       qmtahost check [--strict] [--json] [--max-size BYTES] [--actions DIR]\n"
     "                      [--nodes FILE] [FILE]\n"
     "       qmtahost explain [--dir DIR] [--nodes FILE] EVENT...\n"
+    "       qmtahost history [--journal FILE] [--since D|TIME] [--sitname P] [--node P]\n"
+    "                        [--failed] [--request ID|RUN:ID] [--json]\n"
     "Runs the automation module on the events and operator commands of INPUT\n"
     "(standard input when INPUT is missing or \"-\").\n"
     "  serve     runs until stopped, taking lines on the control socket\n"
@@ -36,6 +39,7 @@ const char kHelp[] =
     "  check     checks a rule file (default ./QMTASITR) without touching a running host\n"
     "  explain   shows the rules an event would fire and the commands they would send\n"
     "            (EVENT is a JSON event line; \"-\" reads them from standard input)\n"
+    "  history   shows the actions of the journal (\"qmtahost history --help\")\n"
     "  --dir DIR             work in DIR; the rule file is DIR/QMTASITR (default: .)\n"
     "  --nodes FILE          destination directory (default: every node runs \"local\")\n"
     "  --actions DIR         programs of the local driver (default: DIR/actions)\n"
@@ -50,6 +54,10 @@ const char kHelp[] =
     "  --max-actions N       wait before the next event while N action threads are live\n"
     "                        (default: from the thread and descriptor limits, at most 4096;\n"
     "                        0: no limit)\n"
+    "  --journal FILE        keep every event and action, with its output, in the SQLite\n"
+    "                        database FILE (serve: default $STATE_DIRECTORY/journal.db\n"
+    "                        when that is set)\n"
+    "  --journal-keep D      prune journal rows older than D (default: 30d)\n"
     "  --allow-any-text      let quotes and control characters in event names through\n"
     "                        (lab runs against sim destinations only)\n"
     "  --listen ADDR:PORT    serve: HTTP on ADDR:PORT ([ADDR]:PORT for IPv6): POST\n"
@@ -94,7 +102,8 @@ const char kHelp[] =
 namespace {
 
 enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, kLength,
-              kClockShift, kVersion, kControl, kAllowAnyText, kMaxActions,
+              kClockShift, kVersion, kControl, kAllowAnyText, kMaxActions, kJournal,
+              kJournalKeep,
               // The HTTP options, in a row (ParseOptions tells them by their order).
               kListen, kTokenFile, kTlsCert, kTlsKey, kHttpMaxBody, kHttpMaxConnections,
               kHttpTimeout, kHttpBusyAfter, kAlertNameLabel, kAlertNodeLabel, kAlertThreshold,
@@ -159,6 +168,16 @@ bool SetOption(int option, const char* value, Options* options, std::string* err
       }
       options->maxActions = number;
       break;
+    case kJournal: options->journal = value; break;
+    case kJournalKeep: {
+      std::chrono::seconds keep;
+      if (!ParseDuration(value, &keep) || keep.count() == 0) {
+        *error = std::string("--journal-keep: bad duration \"") + value + "\" (30d, 12h, 90m)";
+        return false;
+      }
+      options->journalKeep = keep;
+      break;
+    }
     case kListen: options->listen = value; break;
     case kTokenFile: options->tokenFile = value; break;
     case kTlsCert: options->tlsCert = value; break;
@@ -259,6 +278,8 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"control", required_argument, nullptr, kControl},
       {"allow-any-text", no_argument, nullptr, kAllowAnyText},
       {"max-actions", required_argument, nullptr, kMaxActions},
+      {"journal", required_argument, nullptr, kJournal},
+      {"journal-keep", required_argument, nullptr, kJournalKeep},
       {"listen", required_argument, nullptr, kListen},
       {"token-file", required_argument, nullptr, kTokenFile},
       {"tls-cert", required_argument, nullptr, kTlsCert},

@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -33,6 +34,10 @@ struct Options {
   // Back-pressure: live action threads above which the dispatcher waits;
   // none given: derived from the process's limits; 0: no limit.
   std::optional<int64_t> maxActions;
+  // The action journal (journal.h): its file (empty: serve's default,
+  // else off) and how long its rows are kept.
+  std::string journal;
+  std::chrono::seconds journalKeep = std::chrono::hours(24 * 30);
   // serve: the HTTP endpoint (http.h); off while `listen` is empty.
   std::string listen;       // ADDR:PORT
   std::string tokenFile;    // bearer token required on every path but /healthz

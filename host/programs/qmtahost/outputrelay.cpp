@@ -17,6 +17,7 @@ namespace {
 // A mark is a line of its own: this lead-in, a token drawn at start (so
 // that no text written by anyone else can pass for one), the number.
 constexpr char kMarkLead = '\x1e';
+constexpr char kTagLead = '\x1d';
 
 bool Digit(char c) { return c >= '0' && c <= '9'; }
 bool Severity(char c) { return c == 'I' || c == 'W' || c == 'E' || c == 'S'; }
@@ -91,6 +92,15 @@ void OutputRelay::Mark(uint64_t number) {
   markChanged_.wait(hold, [&] { return markSeen_ >= number || !relay_.joinable(); });
 }
 
+void OutputRelay::Tag(uint64_t number) {
+  std::string line = std::string(1, kTagLead) + Token() + " " + std::to_string(number) + "\n";
+  flockfile(stdout);
+  fflush(stdout);
+  fputs(line.c_str(), stdout);
+  fflush(stdout);
+  funlockfile(stdout);
+}
+
 void OutputRelay::Stop() {
   if (!relay_.joinable()) return;
   fflush(stdout);
@@ -146,6 +156,13 @@ void OutputRelay::Deliver(std::string_view chunk) {
       std::lock_guard<std::mutex> hold(markMutex_);
       markSeen_ = number;
       markChanged_.notify_all();
+      continue;
+    }
+    if (!line.empty() && line.front() == kTagLead && line.substr(1).starts_with(Token())) {
+      Emit();
+      uint64_t number = std::strtoull(line.data() + 1 + Token().size(), nullptr, 10);
+      for (const Listener& listener : listeners_)
+        if (listener.tag) listener.tag(number);
       continue;
     }
     std::string_view id = MessageId(line);

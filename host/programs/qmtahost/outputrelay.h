@@ -49,6 +49,7 @@ class OutputRelay {
   struct Listener {
     std::function<void(const Message&)> message;  // may be empty
     std::function<void(uint64_t mark)> mark;      // may be empty
+    std::function<void(uint64_t tag)> tag = {};   // may be empty
   };
 
   OutputRelay() = default;
@@ -67,6 +68,11 @@ class OutputRelay {
   // Flushes stdio's standard output, writes mark `number` into the stream
   // and waits until the relay thread has handed it to the listeners.
   void Mark(uint64_t number);
+
+  // Like Mark, but nobody waits: `number` reaches the listeners' `tag` in
+  // stream order, after everything written before the call. Tags are
+  // numbered apart from marks, by their one caller.
+  void Tag(uint64_t number);
 
   // Flushes, gives descriptor 1 back to the real standard output, lets the
   // relay pass on the rest and joins it. Writers must have finished.

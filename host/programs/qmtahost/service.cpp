@@ -15,11 +15,13 @@
 #include "host/drivers/local/local.h"
 #include "host/programs/qmtahost/control.h"
 #include "host/programs/qmtahost/dispatcher.h"
+#include "host/programs/qmtahost/journal.h"
 #include "host/programs/qmtahost/linereader.h"
 #include "host/programs/qmtahost/metrics.h"
 #include "host/programs/qmtahost/outputrelay.h"
 #include "host/programs/qmtahost/reload.h"
 #include "host/programs/qmtahost/signals.h"
+#include "host/services/actiontap.h"
 #include "host/services/control.h"
 
 namespace qmta::hostprog {
@@ -172,8 +174,28 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
     Say("standard output: " + host::ErrorText(error) + "; stopping");
     stop.Request(1);
   };
+  // The journal, when there is one: a journal that cannot be opened is
+  // said and the host runs without it.
+  std::shared_ptr<Journal> journal;
+  if (!settings.journal.empty()) {
+    JournalSettings given;
+    given.path = settings.journal;
+    given.keep = settings.journalKeep;
+    std::string reason;
+    journal = Journal::Open(given, &reason);
+    if (!journal) Say("journal off: " + reason);
+  }
+  if (journal) {
+    journal->AttachRelay(&relay);
+    host::SetActionObserver(journal);
+    SetActiveJournal(journal);
+  }
   ModuleCalls calls;
-  calls.event = [&](const Event& event) { SendEvent(entries, event); };
+  calls.event = [&](const Event& event) {
+    if (!journal) return (void)SendEvent(entries, event);
+    uint64_t id = journal->EventBegin(event);
+    journal->EventEnd(id, event, SendEvent(entries, event));
+  };
   calls.command = [&](const std::string& text) { SendCommand(entries, text); };
   calls.drain = [] { Drain(); };
   calls.reload = [&](bool force) { return Reload(entries, force, http ? &metrics : nullptr); };
@@ -264,6 +286,11 @@ int RunService(const Entries& entries, const ServiceSettings& settings) {
     host::WaitForLocalRunners(5s);
   }
   relay.Stop();
+  if (journal) {  // what is queued is committed before the summary
+    host::SetActionObserver(nullptr);
+    SetActiveJournal(nullptr);
+    journal.reset();
+  }
   Say(Summary(dispatcher.counts(), messages));
   for (int fd : wake)
     if (fd >= 0) close(fd);

@@ -39,6 +39,8 @@ struct ServiceSettings {
   // module's own wait (60 s, shifted with the clock in tests) and a margin.
   std::chrono::seconds outcomeLimit{65};
   HttpConfig http;             // serve mode: the HTTP endpoint, when enabled
+  std::string journal;         // the action journal's file; empty: none
+  std::chrono::seconds journalKeep{30 * 86400};
 };
 
 // Runs the host; returns the exit status.

@@ -1,0 +1,22 @@
+# Writes OUT, a C++ header that holds each file of INPUTS (a list) as an
+# array of bytes named after the file (index.html -> kIndexHtml).
+#   cmake -DOUT=header.h -DINPUTS="a.html;b.js" -P embed.cmake
+set(text "// Generated from the page's files by embed.cmake; do not edit.\n#pragma once\n#include <string_view>\nnamespace qmta::hostprog::pagefiles {\n")
+foreach(input IN LISTS INPUTS)
+  get_filename_component(name "${input}" NAME)
+  string(REGEX REPLACE "[^A-Za-z0-9]+" ";" words "${name}")
+  set(symbol "k")
+  foreach(word IN LISTS words)
+    string(SUBSTRING "${word}" 0 1 first)
+    string(SUBSTRING "${word}" 1 -1 rest)
+    string(TOUPPER "${first}" first)
+    string(APPEND symbol "${first}${rest}")
+  endforeach()
+  file(READ "${input}" bytes HEX)
+  string(REGEX REPLACE "([0-9a-f][0-9a-f])" "'\\\\x\\1'," bytes "${bytes}")
+  string(APPEND text "inline constexpr char ${symbol}Bytes[] = {${bytes}};\n")
+  string(APPEND text "inline constexpr std::string_view ${symbol}(${symbol}Bytes, sizeof ${symbol}Bytes);\n")
+endforeach()
+string(APPEND text "}  // namespace qmta::hostprog::pagefiles\n")
+file(WRITE "${OUT}.new" "${text}")
+file(RENAME "${OUT}.new" "${OUT}")
