@@ -276,8 +276,6 @@ size_t Count(const std::string& text, const std::string& pattern) {
 // DiskFull fires; Other joins its group (a re-send of DiskFull); repeats
 // follow every two seconds; DiskFull is resolved.
 TEST_F(Http, AlertmanagerRunsAnActionForEachChangeOfStateNoneForResends) {
-  ASSERT_EQ(access("/usr/bin/prometheus-alertmanager", X_OK), 0)
-      << "Alertmanager is not installed (tools/setup installs prometheus-alertmanager)";
   dir_.Write("QMTASITR", "SITNAME=DiskFull STATE=ANY DESTNODE=ops:LOCAL SCRIPT=note\n"
                          "  ARG1=CURRSTATE ARG2=PRESTATE ARG3=THRESHOLD;\n");
   dir_.Write("nodes", "* local\n");
@@ -292,7 +290,8 @@ TEST_F(Http, AlertmanagerRunsAnActionForEachChangeOfStateNoneForResends) {
   ASSERT_TRUE(alertmanager.Spawn({"prometheus-alertmanager", "--config.file=am.yml",
                                   "--storage.path=am", "--web.listen-address=127.0.0.1:0",
                                   "--cluster.listen-address="},
-                                 "am.out", "am.err"));
+                                 "am.out", "am.err"))
+      << "Alertmanager is not installed (tools/setup installs prometheus-alertmanager)";
   std::smatch found;
   std::string said;  // what `found` points into
   ASSERT_TRUE(qmtatest::WaitUntil([&] {
@@ -309,7 +308,8 @@ TEST_F(Http, AlertmanagerRunsAnActionForEachChangeOfStateNoneForResends) {
     return Metric(Curl("/metrics").body, R"(qmta_alerts_total{result="unchanged"})");
   };
   auto completed = [&](size_t actions) {
-    return qmtatest::WaitUntil([&] { return Count(Read("out"), "QMTA050I .* RC=0 ") >= actions; }, 30s);
+    auto done = [&] { return Count(Read("out"), "QMTA050I .* SITNAME=DiskFull .* RC=0 ") >= actions; };
+    return qmtatest::WaitUntil(done, 30s);
   };
 
   amtool({"DiskFull", "instance=db1:9100"});
@@ -327,7 +327,6 @@ TEST_F(Http, AlertmanagerRunsAnActionForEachChangeOfStateNoneForResends) {
 
   const std::string out = Read("out"), err = Read("err");
   EXPECT_EQ(Count(out, "QMTA040I ACTION STARTED FOR SITNAME=DiskFull "), 2u) << out;
-  EXPECT_EQ(Count(out, "QMTA050I ACTION COMPLETED FOR SITNAME=DiskFull .* RC=0 "), 2u);
   EXPECT_EQ(Count(err, "\\] note: 1 0 disk full\n"), 1u) << err;
   EXPECT_EQ(Count(err, "\\] note: 2 1 disk full\n"), 1u) << err;
   const std::string m = Curl("/metrics").body;

@@ -322,7 +322,6 @@ TEST(HostInput, AlertmanagerNotificationsDeliverChangesOfState) {
   EXPECT_EQ(take(body.dump(), 122s), "UD");  // the cap drops Disk "Full", the oldest
   body["alerts"][1] = nlohmann::json::parse(resolved)["alerts"][1];
   EXPECT_EQ(take(body.dump(), 123s), "UD");
-  EXPECT_EQ(intake.states(), 2u);
 
   body["alerts"] = nlohmann::json::parse(R"([
       {"fingerprint": "1", "status": "firing", "labels": {"alertname": "a\u001bb"}, "startsAt": "2026-01-01T00:00:00Z"},
