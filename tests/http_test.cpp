@@ -1,10 +1,14 @@
 // The HTTP endpoint of `qmtahost serve`, driven with curl: events taken or
 // refused whole, commands, metrics after real actions, health and
 // readiness, the bearer token, TLS, and the refusal of a public address
-// without a token. Everything listens on and talks to loopback only.
+// without a token; and a real Alertmanager (Debian prometheus-alertmanager,
+// alerts sent with its amtool) that notifies the host through its webhook
+// (ctest runs that test alone, with the label e2e). Everything listens on
+// and talks to loopback only.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -261,6 +265,74 @@ TEST_F(Http, TokenTlsAndPublicAddresses) {
   base_.replace(0, 5, "http");
   std::vector<std::string> words = {"curl", "-s", "--max-time", "10", base_ + "/healthz"};
   EXPECT_NE(RunToEnd(words, "plain.out", "plain.err", 20s), 0);
+}
+
+size_t Count(const std::string& text, const std::string& pattern) {
+  std::regex search(pattern);
+  return static_cast<size_t>(std::distance(
+      std::sregex_iterator(text.begin(), text.end(), search), std::sregex_iterator()));
+}
+
+// DiskFull fires; Other joins its group (a re-send of DiskFull); repeats
+// follow every two seconds; DiskFull is resolved.
+TEST_F(Http, AlertmanagerRunsAnActionForEachChangeOfStateNoneForResends) {
+  dir_.Write("QMTASITR", "SITNAME=DiskFull STATE=ANY DESTNODE=ops:LOCAL SCRIPT=note\n"
+                         "  ARG1=CURRSTATE ARG2=PRESTATE ARG3=THRESHOLD;\n");
+  dir_.Write("nodes", "* local\n");
+  mkdir("actions", 0755);
+  dir_.Write("actions/note", "#!/bin/sh\necho \"note: $*\"\n");
+  chmod("actions/note", 0755);
+  Start({"--alert-threshold-annotation", "summary"});
+  dir_.Write("am.yml", "route: {receiver: qmta, group_wait: 1s, group_interval: 1s, "
+                       "repeat_interval: 2s}\nreceivers:\n- name: qmta\n  webhook_configs:\n"
+                       "  - {url: '" + base_ + "/v1/alertmanager', send_resolved: true}\n");
+  qmtatest::Child alertmanager;
+  ASSERT_TRUE(alertmanager.Spawn({"prometheus-alertmanager", "--config.file=am.yml",
+                                  "--storage.path=am", "--web.listen-address=127.0.0.1:0",
+                                  "--cluster.listen-address="},
+                                 "am.out", "am.err"))
+      << "Alertmanager is not installed (tools/setup installs prometheus-alertmanager)";
+  std::smatch found;
+  std::string said;  // what `found` points into
+  ASSERT_TRUE(qmtatest::WaitUntil([&] {
+    said = Read("am.err");
+    return std::regex_search(said, found, std::regex("Listening on\" address=(127.0.0.1:[0-9]+)"));
+  }, 30s)) << said;
+  const std::string url = "--alertmanager.url=http://" + found[1].str();
+  auto amtool = [&](std::vector<std::string> words) {
+    words.insert(words.begin(), {"amtool", "alert", "add"});
+    words.insert(words.end(), {"--annotation=summary=disk full", url});
+    EXPECT_EQ(RunToEnd(words, "amtool.out", "amtool.err", 30s), 0) << Read("amtool.err");
+  };
+  auto unchanged = [&] {
+    return Metric(Curl("/metrics").body, R"(qmta_alerts_total{result="unchanged"})");
+  };
+  auto completed = [&](size_t actions) {
+    auto done = [&] { return Count(Read("out"), "QMTA050I .* SITNAME=DiskFull .* RC=0 ") >= actions; };
+    return qmtatest::WaitUntil(done, 30s);
+  };
+
+  amtool({"DiskFull", "instance=db1:9100"});
+  EXPECT_TRUE(completed(1)) << Read("out");
+  amtool({"Other", "instance=db1:9100"});
+  EXPECT_TRUE(qmtatest::WaitUntil([&] { return unchanged() >= 3; }, 30s));
+  char past[32];
+  time_t ago = time(nullptr) - 60;
+  strftime(past, sizeof past, "--end=%Y-%m-%dT%H:%M:%SZ", gmtime(&ago));
+  amtool({"DiskFull", "instance=db1:9100", past});
+  EXPECT_TRUE(completed(2)) << Read("out");
+  // Other goes on being sent; DiskFull's resolution may be sent again.
+  const double resent = unchanged();
+  EXPECT_TRUE(qmtatest::WaitUntil([&] { return unchanged() >= resent + 2; }, 30s));
+
+  const std::string out = Read("out"), err = Read("err");
+  EXPECT_EQ(Count(out, "QMTA040I ACTION STARTED FOR SITNAME=DiskFull "), 2u) << out;
+  EXPECT_EQ(Count(err, "\\] note: 1 0 disk full\n"), 1u) << err;
+  EXPECT_EQ(Count(err, "\\] note: 2 1 disk full\n"), 1u) << err;
+  const std::string m = Curl("/metrics").body;
+  EXPECT_EQ(Metric(m, R"(qmta_events_taken_total{source="alertmanager"})"), 3);
+  EXPECT_EQ(Metric(m, R"(qmta_alerts_total{result="delivered"})"), 3);
+  EXPECT_EQ(Metric(m, "qmta_alert_states"), 2);
 }
 
 }  // namespace

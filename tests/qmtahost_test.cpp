@@ -1,6 +1,6 @@
-// qmtahost: its input lines, and the program run as a user runs it (files
-// in a scratch directory, standard output compared line by line, standard
-// error searched).
+// qmtahost: its input lines and Alertmanager notifications, and the
+// program run as a user runs it (files in a scratch directory, standard
+// output compared line by line, standard error searched).
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>
@@ -8,12 +8,14 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <regex>
 #include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "host/programs/qmtahost/alertmanager.h"
 #include "host/programs/qmtahost/inputline.h"
 #include "tests/support/support.h"
 
@@ -270,6 +272,71 @@ TEST(HostInput, TimestampForm) {
   EXPECT_EQ(qmta::hostprog::Timestamp(when), "1261116000509000");
   when.tm_year = 99, when.tm_mon = 0, when.tm_mday = 1, when.tm_hour = 23;
   EXPECT_EQ(qmta::hostprog::Timestamp(when), "0990101230509000");
+}
+
+// The notification captured from Alertmanager 0.25 (HostDown firing, Disk
+// "Full" resolved), and the same with both firing: only changes of state
+// are delivered; the table forgets after its expiry and beyond its cap;
+// a bad alert is refused alone, a bad body whole.
+TEST(HostInput, AlertmanagerNotificationsDeliverChangesOfState) {
+  using namespace qmta::hostprog;
+  using namespace std::chrono_literals;
+  setenv("TZ", "UTC", 1);
+  tzset();
+  const std::string resolved = qmtatest::ReadFile(QMTA_SOURCE_DIR "/tests/data/alertmanager-webhook.json");
+  nlohmann::json body = nlohmann::json::parse(resolved);
+  body["alerts"][1]["status"] = "firing";
+  body["alerts"][1]["startsAt"] = "2026-11-23T12:53:12.46+02:00";
+  const std::string firing = body.dump();
+  AlertIntake intake({.thresholdAnnotation = "runbook", .stateMax = 2, .stateExpiry = 60s}, false);
+  std::vector<qmta::hostprog::Event> queued;
+  bool open = true;
+  AlertBatch batch;
+  auto take = [&](const std::string& text, AlertIntake::Clock::duration at) {
+    batch = intake.Take(text, [&](std::vector<Alert*>& alerts) {
+      for (Alert* alert : alerts) queued.push_back(alert->event);
+      return open;
+    }, AlertIntake::Clock::time_point(at));
+    std::string outcomes;  // D delivered, U unchanged, R refused
+    for (const Alert& alert : batch.alerts) outcomes += "DUR"[static_cast<int>(alert.outcome)];
+    return outcomes + batch.error;
+  };
+  EXPECT_EQ(take(firing, 0s), "DD");
+  EXPECT_EQ(take(firing, 1s), "UU");
+  EXPECT_EQ(take(resolved, 2s), "UD");
+  EXPECT_EQ(take(resolved, 61s), "UU");
+  ASSERT_EQ(queued.size(), 3u);
+  const auto& disk = queued[1];
+  EXPECT_EQ(std::tie(disk.sitname, disk.originnode, *disk.timestamp, *disk.threshold),
+            std::tuple("Disk 'Full'", "db1:9100", "1261123105312000", "https://wiki.example/disk"));
+  EXPECT_EQ(disk.attributes, (std::vector<std::pair<std::string, std::string>>{
+                                 {"alertname", "Disk \"Full\""}, {"instance", "db1:9100"},
+                                 {"severity", "page"}, {"annotation.runbook", "https://wiki.example/disk"},
+                                 {"annotation.summary", "disk 97% full on /var"}}));
+  EXPECT_EQ(std::tie(queued[2].sitname, queued[2].currstate, queued[2].prevstate, *queued[2].timestamp),
+            std::tuple("Disk 'Full'", 2, 1, "1261123105219000"));
+  EXPECT_EQ(take(resolved, 121s), "DD");  // not seen for 60 s: forgotten
+  EXPECT_EQ(queued[4].prevstate, 0);
+  body["alerts"] = {body["alerts"][0], body["alerts"][1]};
+  body["alerts"][1]["fingerprint"] = "other";
+  EXPECT_EQ(take(body.dump(), 122s), "UD");  // the cap drops Disk "Full", the oldest
+  body["alerts"][1] = nlohmann::json::parse(resolved)["alerts"][1];
+  EXPECT_EQ(take(body.dump(), 123s), "UD");
+
+  body["alerts"] = nlohmann::json::parse(R"([
+      {"fingerprint": "1", "status": "firing", "labels": {"alertname": "a\u001bb"}, "startsAt": "2026-01-01T00:00:00Z"},
+      {"fingerprint": "2", "status": "firing", "labels": {"alertname": "a", "x": "\u0000"}, "startsAt": "2026-01-01T00:00:00Z"},
+      {"fingerprint": "4", "status": "firing", "labels": {"alertname": "a"}, "startsAt": "2026-01-01T00:00:00"},
+      {"fingerprint": "5", "status": "resolved", "labels": {"alertname": "a"}, "endsAt": "0001-01-01T00:00:00Z"},
+      {"fingerprint": "6", "status": "firing", "labels": {"instance": "a"}, "startsAt": "2026-01-01T00:00:00Z"},
+      8,
+      {"fingerprint": "10", "status": "firing", "labels": {"alertname": "ok"}, "startsAt": "2026-01-01T00:00:00Z"}])");
+  open = false;
+  EXPECT_EQ(take(body.dump(), 124s), "RRRRRRD");
+  EXPECT_EQ(batch.alerts[0].reason, "\"sitname\" holds a control character");
+  EXPECT_TRUE(batch.stopping);
+  EXPECT_EQ(take("{\"version\": \"3\", \"alerts\": []}", 0s), "\"version\" must be \"4\"");
+  EXPECT_TRUE(take("{", 0s).starts_with("bad JSON: "));
 }
 
 }  // namespace

@@ -71,7 +71,8 @@ const char* Header(MHD_Connection* connection, const char* name) {
 // One request being read: the endpoint that answers it, and its body.
 struct HttpServer::Request {
   enum class Endpoint {
-    kHealth, kReady, kMetrics, kEvents, kCommands, kActions, kRules, kLogin, kLogout, kFile
+    kHealth, kReady, kMetrics, kEvents, kCommands, kAlerts, kActions, kRules, kLogin, kLogout,
+    kFile
   } endpoint;
   std::string_view file;  // kFile: a file of the page, built into the program
   const char* fileType = nullptr;
@@ -254,6 +255,7 @@ struct HttpCallbacks {
 
 bool HttpServer::Start(const HttpConfig& config, std::string* error) {
   config_ = config;
+  alerts_ = std::make_unique<AlertIntake>(config_.alerts, config_.allowAnyText);
   unsigned flags = MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_ERROR_LOG;
   if (config_.address.ss_family == AF_INET6) flags |= MHD_USE_IPv6;
   if (!config_.cert.empty()) flags |= MHD_USE_TLS;
@@ -381,10 +383,11 @@ HttpServer::Answer HttpServer::Route(MHD_Connection* connection, Request* reques
   }
   const bool events = path == "/v1/events", commands = path == "/v1/commands";
   const bool actions = path == "/v1/actions", rules = path == "/v1/rules";
+  const bool alerts = path == "/v1/alertmanager";
   if (path != "/readyz" && path != "/metrics" && !events && !commands && !actions && !rules &&
-      !login)
+      !login && !alerts)
     return Answer::Error(404, "no such path");
-  if (events || commands) {
+  if (events || commands || alerts) {
     if (!post) return only("POST");
   } else if (!get && !login) {
     return only("GET");
@@ -418,14 +421,16 @@ HttpServer::Answer HttpServer::Route(MHD_Connection* connection, Request* reques
        static_cast<uint64_t>(length) > config_.bodyMax))
     return Answer::Error(413, "the body may hold at most " + std::to_string(config_.bodyMax) +
                                   " bytes");
-  if (events) {
+  // Alertmanager sends a notification again after a 5xx answer.
+  if (events || alerts) {
     if (DispatcherBackPressure(*dispatcher_).heldForSeconds > config_.busyAfterSeconds) {
       Answer answer = Answer::Error(503, "events are held back: too many actions run");
       answer.headers.emplace_back(MHD_HTTP_HEADER_RETRY_AFTER, kRetryAfter);
       return answer;
     }
   }
-  if (!login) request->endpoint = events ? Endpoint::kEvents : Endpoint::kCommands;
+  if (!login)
+    request->endpoint = events ? Endpoint::kEvents : alerts ? Endpoint::kAlerts : Endpoint::kCommands;
   return {};
 }
 
@@ -447,6 +452,8 @@ HttpServer::Answer HttpServer::Respond(const Request& request) {
       return Events(request.body);
     case Request::Endpoint::kCommands:
       return Command(request.body);
+    case Request::Endpoint::kAlerts:
+      return Alerts(request.body);
     case Request::Endpoint::kRules:
       return Rules();
     case Request::Endpoint::kFile:
@@ -558,6 +565,61 @@ HttpServer::Answer HttpServer::Command(const std::string& body) {
   Answer answer;
   answer.status = reply.ok ? 200 : reply.error == "the host is stopping" ? 503 : 409;
   answer.body = Dump({{"ok", reply.ok}, {"output", reply.output}, {"error", reply.error}});
+  return answer;
+}
+
+// Each alert is answered for: delivered (queued as an event), unchanged (a
+// re-send of the state last delivered) or refused (and why). 200 unless the
+// body is not a notification (400) or the host stops (503): Alertmanager
+// sends the notification again only after a 5xx answer.
+HttpServer::Answer HttpServer::Alerts(const std::string& body) {
+  auto submit = [&](std::vector<Alert*>& delivered) {
+    std::vector<Dispatcher::Line> lines;
+    lines.reserve(delivered.size());
+    for (Alert* alert : delivered) {
+      InputLine line;
+      line.kind = InputLine::Kind::kEvent;
+      line.event = alert->event;
+      lines.push_back({std::move(line), static_cast<long>(alert->number), {}});
+    }
+    return dispatcher_->SubmitLines(std::move(lines), "alertmanager") == delivered.size();
+  };
+  AlertBatch batch = alerts_->Take(body, submit);
+  if (!batch.error.empty()) {
+    metrics_->Refused(SourceKind::kAlertmanager, KindOfRefusal(batch.error), 1);
+    Say("alertmanager: notification refused: " + batch.error);
+    return Answer::Error(400, batch.error);
+  }
+  Json delivered = Json::array(), unchanged = Json::array(), refused = Json::array();
+  for (const Alert& alert : batch.alerts) {
+    switch (alert.outcome) {
+      case Alert::Outcome::kDelivered:
+        delivered.push_back({{"fingerprint", alert.fingerprint},
+                             {"sitname", alert.event.sitname},
+                             {"currstate", alert.event.currstate},
+                             {"prevstate", alert.event.prevstate}});
+        break;
+      case Alert::Outcome::kUnchanged:
+        unchanged.push_back(alert.fingerprint);
+        break;
+      case Alert::Outcome::kRefused:
+        metrics_->Refused(SourceKind::kAlertmanager, KindOfRefusal(alert.reason), 1);
+        Say("alertmanager: alert " + std::to_string(alert.number) + " (fingerprint \"" +
+            alert.fingerprint + "\") refused: " + alert.reason);
+        refused.push_back({{"alert", alert.number},
+                           {"fingerprint", alert.fingerprint},
+                           {"reason", alert.reason}});
+        break;
+    }
+  }
+  metrics_->Alerts(batch.stopping ? 0 : delivered.size(), unchanged.size(), refused.size(),
+                   alerts_->states());
+  if (batch.stopping) return Answer::Error(503, "the host is stopping");
+  Answer answer;
+  answer.status = 200;
+  answer.body = Dump({{"delivered", std::move(delivered)},
+                      {"unchanged", std::move(unchanged)},
+                      {"refused", std::move(refused)}});
   return answer;
 }
 

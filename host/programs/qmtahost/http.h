@@ -4,6 +4,9 @@
 //   POST /v1/events    one event line, or several as JSON lines: checked
 //                      whole, then queued for the dispatcher (202), or
 //                      refused whole (400) naming each refused line
+//   POST /v1/alertmanager  Alertmanager's webhook: each alert whose state
+//                      changed becomes an event (alertmanager.h); 200
+//                      naming the alerts delivered, unchanged and refused
 //   POST /v1/commands  one line as the control socket takes it (a module
 //                      command, a drain, a reload), answered as there
 //   GET  /v1/actions   the action journal, filtered as `qmtahost history`
@@ -32,8 +35,10 @@
 #include <stddef.h>
 #include <sys/socket.h>
 
+#include <memory>
 #include <string>
 
+#include "host/programs/qmtahost/alertmanager.h"
 #include "host/programs/qmtahost/dispatcher.h"
 #include "host/programs/qmtahost/metrics.h"
 #include "host/programs/qmtahost/outputrelay.h"
@@ -69,6 +74,7 @@ struct HttpConfig {
   unsigned timeoutSeconds = 30;
   unsigned busyAfterSeconds = 10;
   bool allowAnyText = false;
+  AlertSettings alerts;  // POST /v1/alertmanager
 };
 
 // Reads `ADDR:PORT` (an IPv4 address, or an IPv6 one in brackets:
@@ -107,6 +113,7 @@ class HttpServer {
   Answer Respond(const Request& request);  // once the whole request is in
   Answer Events(const std::string& body);
   Answer Command(const std::string& body);
+  Answer Alerts(const std::string& body);
   Answer Rules();
 
   Dispatcher* dispatcher_;
@@ -115,6 +122,7 @@ class HttpServer {
   HttpConfig config_;
   Sessions sessions_;
   MHD_Daemon* daemon_ = nullptr;
+  std::unique_ptr<AlertIntake> alerts_;  // made by Start
 };
 
 }  // namespace qmta::hostprog

@@ -195,6 +195,7 @@ int Run(const Options& options, bool stdoutClosed) {
       return kUsageError;
     }
     http.allowAnyText = options.allowAnyText;
+    http.alerts = options.alerts;
   }
   Configure(options);
   Entries entries;

@@ -19,8 +19,9 @@ constexpr size_t kInFlightMax = 1 << 16;
 
 enum Outcome { kCompleted, kOffline, kNoResponse, kError };
 constexpr std::string_view kOutcomeLabels[] = {"completed", "offline", "no_response", "error"};
-constexpr std::string_view kSourceLabels[] = {"input",  "control", "http", "jetstream",
-                                              "signal", "queued",  "other"};
+constexpr std::string_view kSourceLabels[] = {"input",  "control", "http",  "jetstream",
+                                              "alertmanager", "signal", "queued", "other"};
+constexpr std::string_view kAlertLabels[] = {"delivered", "unchanged", "refused"};
 constexpr std::string_view kStackLabels[] = {"VX", "RM", "SNMP"};
 
 // "QMTAnnnX" -> nnn, "QMTALnnX" -> 1000 + nn; -1 for anything else.
@@ -105,6 +106,7 @@ SourceKind KindOfSource(std::string_view source) {
   if (source == "control") return SourceKind::kControl;
   if (source.starts_with("http")) return SourceKind::kHttp;
   if (source.starts_with("events")) return SourceKind::kJetStream;
+  if (source.starts_with("alertmanager")) return SourceKind::kAlertmanager;
   if (source == "SIGHUP") return SourceKind::kSignal;
   if (source == "queued") return SourceKind::kQueued;
   return SourceKind::kOther;
@@ -141,6 +143,13 @@ void Metrics::Refused(SourceKind source, RefusalKind kind, uint64_t lines) {
 
 void Metrics::SetRules(std::optional<int64_t> rules) {
   rules_.store(rules ? *rules : -1, std::memory_order_relaxed);
+}
+
+void Metrics::Alerts(uint64_t delivered, uint64_t unchanged, uint64_t refused, size_t states) {
+  alerts_[0].fetch_add(delivered, std::memory_order_relaxed);
+  alerts_[1].fetch_add(unchanged, std::memory_order_relaxed);
+  alerts_[2].fetch_add(refused, std::memory_order_relaxed);
+  alertStates_.store(states, std::memory_order_relaxed);
 }
 
 bool Metrics::Ready(std::string* why) const {
@@ -241,6 +250,15 @@ std::string Metrics::Render(const Dispatcher& dispatcher, const OutputRelay& rel
   }
   Head(&out, "qmta_events_delivered_total", "counter", "Events handed to the module's event exit.");
   Sample(&out, "qmta_events_delivered_total", "", load(dispatcher.counts().events));
+
+  Head(&out, "qmta_alerts_total", "counter",
+       "Alerts of Alertmanager notifications: delivered (a change of state), unchanged (a re-send), "
+       "refused.");
+  for (int result = 0; result < 3; ++result)
+    Sample(&out, "qmta_alerts_total", "result=\"" + std::string(kAlertLabels[result]) + "\"",
+           load(alerts_[result]));
+  Head(&out, "qmta_alert_states", "gauge", "Alert fingerprints whose last state is kept.");
+  Sample(&out, "qmta_alert_states", "", load(alertStates_));
 
   Head(&out, "qmta_actions_started_total", "counter", "Actions started (QMTA040I).");
   Sample(&out, "qmta_actions_started_total", "", load(messages_[40]));

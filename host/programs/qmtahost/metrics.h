@@ -41,9 +41,10 @@ std::string_view RefusalLabel(RefusalKind kind);
 RefusalKind KindOfRefusal(std::string_view reason);
 
 // Where lines come from: "input" (the input file), "control", "http",
-// "jetstream" (--events-nats), "signal" (SIGHUP's reload), "queued"
-// (dropped from the queue at a stop).
-enum class SourceKind { kInput, kControl, kHttp, kJetStream, kSignal, kQueued, kOther, kCount };
+// "jetstream" (--events-nats), "alertmanager" (POST /v1/alertmanager),
+// "signal" (SIGHUP's reload), "queued" (dropped from the queue at a stop).
+enum class SourceKind { kInput, kControl, kHttp, kJetStream, kAlertmanager, kSignal, kQueued,
+                        kOther, kCount };
 SourceKind KindOfSource(std::string_view source);
 
 // Back-pressure (--max-actions): how long the dispatcher has been holding
@@ -71,6 +72,9 @@ class Metrics {
   // Rules as the last checked load counted them; nothing when unknown (a
   // forced reload is not counted).
   void SetRules(std::optional<int64_t> rules);
+  // The alerts of Alertmanager notifications, and the fingerprints whose
+  // state is kept now.
+  void Alerts(uint64_t delivered, uint64_t unchanged, uint64_t refused, size_t states);
 
   // The module has started and its table is loaded (QMTA093I, or a REFRESH
   // with status 0 since); why not, when it is not.
@@ -107,6 +111,8 @@ class Metrics {
   std::atomic<bool> moduleStarted_{false};  // QMTA093I or QMTA092I seen
   std::atomic<bool> tableLoaded_{false};
   std::atomic<int64_t> rules_{-1};  // -1: unknown
+  std::array<std::atomic<uint64_t>, 3> alerts_{};  // delivered, unchanged, refused
+  std::atomic<uint64_t> alertStates_{0};
 };
 
 }  // namespace qmta::hostprog

@@ -61,7 +61,8 @@ const char kHelp[] =
     "  --allow-any-text      let quotes and control characters in event names through\n"
     "                        (lab runs against sim destinations only)\n"
     "  --listen ADDR:PORT    serve: HTTP on ADDR:PORT ([ADDR]:PORT for IPv6): POST\n"
-    "                        /v1/events and /v1/commands, GET /metrics, /healthz, /readyz\n"
+    "                        /v1/events, /v1/alertmanager and /v1/commands, GET /metrics,\n"
+    "                        /healthz, /readyz\n"
     "  --token-file FILE     serve: a bearer token for every path but /healthz; without\n"
     "                        one, --listen takes loopback addresses only\n"
     "  --tls-cert FILE, --tls-key FILE\n"
@@ -70,8 +71,17 @@ const char kHelp[] =
     "  --http-max-connections N\n"
     "                        HTTP connections at once, a thread each (default: 64)\n"
     "  --http-timeout S      idle HTTP connections close after S seconds (default: 30)\n"
-    "  --http-busy-after S   POST /v1/events answers 503 while an event has been held\n"
-    "                        back (--max-actions) for S seconds (default: 10)\n"
+    "  --http-busy-after S   POST /v1/events and /v1/alertmanager answer 503 while an\n"
+    "                        event has been held back (--max-actions) for S seconds\n"
+    "                        (default: 10)\n"
+    "  --alert-name-label L  POST /v1/alertmanager: the label that names the situation\n"
+    "                        (default: alertname)\n"
+    "  --alert-node-label L  the label that names the origin node (default: instance)\n"
+    "  --alert-threshold-annotation A\n"
+    "                        the annotation passed as the threshold (default: none)\n"
+    "  --alert-state-max N   alert fingerprints whose state is kept (default: 10000)\n"
+    "  --alert-state-expiry S\n"
+    "                        forget an alert not seen for S seconds (default: 86400)\n"
     "Serve: events from a NATS JetStream stream, shared by every host of a group:\n"
     "  --events-nats URL[,URL...]   the NATS server(s)\n"
     "  --events-stream NAME         the stream (created, as a work queue, when missing)\n"
@@ -96,7 +106,8 @@ enum Option { kDir = 1000, kNodes, kActions, kModule, kServer, kTrace, kNoInit, 
               kJournalKeep,
               // The HTTP options, in a row (ParseOptions tells them by their order).
               kListen, kTokenFile, kTlsCert, kTlsKey, kHttpMaxBody, kHttpMaxConnections,
-              kHttpTimeout, kHttpBusyAfter, kEvents = 2000 };
+              kHttpTimeout, kHttpBusyAfter, kAlertNameLabel, kAlertNodeLabel, kAlertThreshold,
+              kAlertStateMax, kAlertStateExpiry, kEvents = 2000 };
 
 }  // namespace
 
@@ -175,6 +186,29 @@ bool SetOption(int option, const char* value, Options* options, std::string* err
     case kHttpMaxConnections:
     case kHttpTimeout:
     case kHttpBusyAfter: return SetHttpLimit(option, value, options, error);
+    case kAlertNameLabel:
+    case kAlertNodeLabel:
+      if (*value == '\0') {
+        *error = "--alert-name-label and --alert-node-label take a label name";
+        return false;
+      }
+      (option == kAlertNameLabel ? options->alerts.nameLabel : options->alerts.nodeLabel) = value;
+      break;
+    case kAlertThreshold: options->alerts.thresholdAnnotation = value; break;
+    case kAlertStateMax:
+      if (!OptionNumber(value, 1, 10000000, &number)) {
+        *error = std::string("--alert-state-max: bad count \"") + value + "\" (1 to 10000000)";
+        return false;
+      }
+      options->alerts.stateMax = static_cast<size_t>(number);
+      break;
+    case kAlertStateExpiry:
+      if (!OptionNumber(value, 1, 31536000, &number)) {
+        *error = std::string("--alert-state-expiry: bad time \"") + value + "\" (1 to 31536000)";
+        return false;
+      }
+      options->alerts.stateExpiry = std::chrono::seconds(number);
+      break;
     default:
       if (option >= kEvents)
         return SetEventsOption(kEventsOptions[option - kEvents], value, &options->events, error);
@@ -213,11 +247,12 @@ bool SetHttpLimit(int option, const char* value, Options* options, std::string* 
 // certificate needs its key.
 bool CheckHttpOptions(const Options& options, bool anyHttpOption, std::string* error) {
   if (anyHttpOption && !options.serve) {
-    *error = "the HTTP options (--listen, --token-file, --tls-*, --http-*) are options of serve";
+    *error = "the HTTP options (--listen, --token-file, --tls-*, --http-*, --alert-*) are options "
+             "of serve";
     return false;
   }
   if (anyHttpOption && options.listen.empty()) {
-    *error = "--token-file, --tls-* and --http-* need --listen";
+    *error = "--token-file, --tls-*, --http-* and --alert-* need --listen";
     return false;
   }
   if (options.tlsCert.empty() != options.tlsKey.empty()) {
@@ -253,6 +288,11 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
       {"http-max-connections", required_argument, nullptr, kHttpMaxConnections},
       {"http-timeout", required_argument, nullptr, kHttpTimeout},
       {"http-busy-after", required_argument, nullptr, kHttpBusyAfter},
+      {"alert-name-label", required_argument, nullptr, kAlertNameLabel},
+      {"alert-node-label", required_argument, nullptr, kAlertNodeLabel},
+      {"alert-threshold-annotation", required_argument, nullptr, kAlertThreshold},
+      {"alert-state-max", required_argument, nullptr, kAlertStateMax},
+      {"alert-state-expiry", required_argument, nullptr, kAlertStateExpiry},
   };
   // The intake's options: --events-NAME for each of kEventsOptions.
   std::vector<struct option> options_(std::begin(longOptions), std::end(longOptions));

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/programs/qmtahost/alertmanager.h"
 #include "host/programs/qmtahost/jetstream.h"
 
 namespace qmta::hostprog {
@@ -45,6 +46,7 @@ struct Options {
   int32_t httpMaxConnections = 64;
   int32_t httpTimeout = 30;
   int32_t httpBusyAfter = 10;
+  AlertSettings alerts;     // POST /v1/alertmanager (--alert-*)
   bool help = false;
   bool version = false;     // --version: print "qmtahost VERSION" and exit
 };
