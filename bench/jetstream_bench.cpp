@@ -277,23 +277,11 @@ void Latency(benchmark::State& state, bool jetstream) {
   Percentiles(state, std::move(micros));
 }
 
-int FreePort() {
-  int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
-  close(probe);
-  return ntohs(address.sin_port);
-}
-
 void StartServer() {
   const std::string program = "/usr/sbin/nats-server";
   if (access(program.c_str(), X_OK) != 0)
     throw std::runtime_error("nats-server is not installed (Debian nats-server)");
-  const int port = FreePort();
+  const int port = qmtatest::FreePort();
   setup.url = "nats://127.0.0.1:" + std::to_string(port);
   setup.server = Spawn({program, "-a", "127.0.0.1", "-p", std::to_string(port), "-js", "-sd",
                         setup.dir->path() + "/js"},

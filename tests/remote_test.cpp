@@ -65,13 +65,7 @@ class Server {
              const std::string& extra = "authorization { users = [ {user: qmta, password: pw} ] }\n") {
     dir_ = dir;
     if (port_ == 0) {
-      int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      sockaddr_in address = Loopback(0);
-      socklen_t size = sizeof address;
-      bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
-      getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
-      port_ = ntohs(address.sin_port);
-      close(probe);
+      port_ = qmtatest::FreePort();
       std::ofstream(dir + "/server.conf") << "listen: 127.0.0.1:" << port_ << "\n" << extra;
     }
     if (!process_.Spawn({ServerProgram(), "-c", dir + "/server.conf"}, dir + "/server.out",

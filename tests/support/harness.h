@@ -81,6 +81,10 @@ class Module {
   std::string path_;
 };
 
+// A free TCP port on 127.0.0.1 (free when asked; another program may take
+// it before the caller binds it).
+int FreePort();
+
 }  // namespace qmtatest
 
 #endif  // TESTS_SUPPORT_HARNESS_H_

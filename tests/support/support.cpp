@@ -1,12 +1,9 @@
 #include "tests/support/support.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdio.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,18 +35,6 @@ bool WaitUntil(const std::function<bool()>& ready, std::chrono::milliseconds lim
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
-}
-
-int FreePort() {
-  int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
-  close(probe);
-  return ntohs(address.sin_port);
 }
 
 bool Child::Spawn(std::vector<std::string> words, const std::string& out, const std::string& err,

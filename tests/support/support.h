@@ -26,10 +26,6 @@ std::string ReadFile(const std::string& path);
 // Polls `ready` every 10 ms until it holds or `limit` passes.
 bool WaitUntil(const std::function<bool()>& ready, std::chrono::milliseconds limit);
 
-// A free TCP port on 127.0.0.1 (free when asked; another program may take
-// it before the caller binds it).
-int FreePort();
-
 // A program (a path, or a name looked up on PATH) run with standard output
 // and error in files ("-": closed; "/dev/fd/N": the test's descriptor N),
 // and standard input from a file or from a pipe that Send writes.
