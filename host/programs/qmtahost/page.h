@@ -47,8 +47,10 @@ class Sessions {
 
  private:
   using Clock = std::chrono::steady_clock;
+  // Guards expiry_: taken by any connection thread that starts, checks or
+  // ends a session.
   std::mutex mutex_;
-  std::map<std::string, Clock::time_point, std::less<>> expiry_;  // guarded by mutex_
+  std::map<std::string, Clock::time_point, std::less<>> expiry_;  // id -> end
 };
 
 }  // namespace qmta::hostprog
