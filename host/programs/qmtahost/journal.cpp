@@ -54,9 +54,9 @@ std::string RunId() {
   gmtime_r(&now, &utc);
   char text[32];
   strftime(text, sizeof text, "%Y%m%dT%H%M%SZ", &utc);
-  std::random_device seed;
+  std::random_device random;
   char suffix[8];
-  snprintf(suffix, sizeof suffix, "-%04x", static_cast<unsigned>(seed() & 0xffff));
+  snprintf(suffix, sizeof suffix, "-%04x", static_cast<unsigned>(random() & 0xffff));
   return std::string(text) + suffix;
 }
 

@@ -29,8 +29,8 @@ int64_t NowNanos() {
 }
 
 std::string MarkToken() {
-  std::random_device seed;
-  return std::to_string(seed()) + std::to_string(seed());
+  std::random_device random;
+  return std::to_string(random()) + std::to_string(random());
 }
 
 const std::string& Token() {
