@@ -24,6 +24,7 @@
 
 #include "host/common/limits.h"
 #include "host/common/number.h"
+#include "host/common/options.h"
 #include "host/common/say.h"
 #include "host/drivers/local/local.h"
 #include "host/drivers/nats/connect.h"
@@ -111,8 +112,6 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
     int index = -1;
     int option = getopt_long(argc, argv, ":h", longOptions, &index);
     if (option == -1) break;
-    std::string word = optopt > 0 && optopt < 256 ? std::string("-") + static_cast<char>(optopt)
-                                                 : std::string(argv[optind - 1]);
     switch (option) {
       case kActions: options->actions = optarg; break;
       case kDir: options->dir = optarg; break;
@@ -133,8 +132,8 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       case kCheck: options->check = true; break;
       case 'h': options->help = true; break;
       case 'V': options->version = true; break;
-      case ':': *error = word + ": needs a value"; return false;
-      case '?': *error = "unknown option \"" + word + "\""; return false;
+      case ':':
+      case '?': *error = qmta::host::OptionError(option, argv); return false;
       default: {
         // The connection settings, under the names the nats driver uses.
         if (!conn::Set(longOptions[index].name, optarg, &options->settings, error)) return false;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "host/common/number.h"
+#include "host/common/options.h"
 #include "host/programs/qmtahost/journal.h"
 
 namespace qmta::hostprog {
@@ -325,16 +326,8 @@ bool ParseOptions(int argc, char* const* argv, Options* options, std::string* er
   for (;;) {
     int option = getopt_long(argc, args.data(), ":h", options_.data(), nullptr);
     if (option == -1) break;
-    // The word that was wrong: a short option by its letter, a long one as
-    // written.
-    std::string word = optopt > 0 && optopt < 256 ? std::string("-") + static_cast<char>(optopt)
-                                                 : std::string(args[optind - 1]);
-    if (option == ':') {
-      *error = word + ": needs a value";
-      return false;
-    }
-    if (option == '?') {
-      *error = "unknown option \"" + word + "\"";
+    if (option == ':' || option == '?') {
+      *error = host::OptionError(option, args.data());
       return false;
     }
     if (!SetOption(option, optarg, options, error)) return false;

@@ -10,6 +10,7 @@
 #include <nats/nats.h>
 
 #include "host/common/number.h"
+#include "host/common/options.h"
 #include "host/common/say.h"
 #include "host/drivers/nats/connect.h"
 #include "host/programs/qmtahost/inputline.h"
@@ -68,8 +69,6 @@ bool ParseSendOptions(int argc, char** argv, SendOptions* options, std::string* 
     int index = -1;
     int option = getopt_long(argc, argv, ":h", longOptions, &index);
     if (option == -1) break;
-    std::string word = optopt > 0 && optopt < 256 ? std::string("-") + static_cast<char>(optopt)
-                                                 : std::string(argv[optind - 1]);
     switch (option) {
       case kNats:
         if (!conn::Set("url", optarg, &options->settings, error)) return false;
@@ -93,8 +92,7 @@ bool ParseSendOptions(int argc, char** argv, SendOptions* options, std::string* 
         if (!conn::Set(longOptions[index].name, optarg, &options->settings, error)) return false;
         break;
       case 'h': options->help = true; return true;
-      case ':': *error = word + ": needs a value"; return false;
-      default: *error = "unknown option \"" + word + "\""; return false;
+      default: *error = host::OptionError(option, argv); return false;
     }
   }
   for (int i = optind; i < argc; ++i) options->events.push_back(argv[i]);
