@@ -63,7 +63,7 @@ Event ReadAlert(const Json& alert, const AlertSettings& settings) {
   const char* when = event.currstate == 1 ? "startsAt" : "endsAt";
   time_t seconds;
   struct tm local;
-  if (!ParseTime(Text(alert, when), &seconds) || localtime_r(&seconds, &local) == nullptr ||
+  if (!ParseAlertTime(Text(alert, when), &seconds) || localtime_r(&seconds, &local) == nullptr ||
       local.tm_year < 0 || local.tm_year > 999)
     throw Refusal{Quoted(when) + " must be an RFC 3339 time between the years 1900 and 2899"};
   event.timestamp = Timestamp(local);
@@ -99,7 +99,7 @@ bool HoldsNul(const Event& event) {
 
 }  // namespace
 
-bool ParseTime(std::string_view text, time_t* seconds) {
+bool ParseAlertTime(std::string_view text, time_t* seconds) {
   // YYYY-MM-DDTHH:MM:SS[.fraction](Z|+hh:mm|-hh:mm)
   auto number = [&](size_t at, size_t digits, int* value) {
     if (at + digits > text.size()) return false;

@@ -102,7 +102,7 @@ class AlertIntake {
 
 // `text` (RFC 3339, as Alertmanager writes times: 2026-11-23T10:53:12.46Z
 // or with an offset) as seconds since the epoch; false when it is not one.
-bool ParseTime(std::string_view text, time_t* seconds);
+bool ParseAlertTime(std::string_view text, time_t* seconds);
 
 }  // namespace qmta::hostprog
 

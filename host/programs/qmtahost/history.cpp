@@ -52,7 +52,6 @@ std::string Glob(const std::string& pattern) {
 
 bool ParseTime(const std::string& text, double* seconds) {
   struct tm utc = {};
-  int consumed = 0;
   const char* at = text.c_str();
   const char* end = strptime(at, "%Y-%m-%d", &utc);
   if (end == nullptr) return false;
@@ -63,8 +62,7 @@ bool ParseTime(const std::string& text, double* seconds) {
     end = more;
   }
   if (*end == 'Z') ++end;
-  consumed = static_cast<int>(end - at);
-  if (consumed != static_cast<int>(text.size())) return false;
+  if (end != at + text.size()) return false;  // nothing may follow
   *seconds = static_cast<double>(timegm(&utc));
   return true;
 }
