@@ -507,7 +507,7 @@ TEST_F(Remote, CredentialsAndPermissionsDecideWhoServesANode) {
   for (const auto& [args, status, text] : cases) {
     Child one;
     ASSERT_TRUE(one.Spawn(AgentWords(args), Path("one.out"), Path("one.err")));
-    EXPECT_EQ(one.Finish(10s), status) << args[0];
+    EXPECT_EQ(one.Finish(10s), status) << ReadFile(Path("one.err"));
     EXPECT_TRUE(Contains(Path("one.err"), text)) << ReadFile(Path("one.err"));
     if (status) {
       EXPECT_FALSE(Contains(Path("one.err"), "serving")) << ReadFile(Path("one.err"));

@@ -320,9 +320,9 @@ void OnClosed(natsConnection* connection, void* closure) {
       "); its nodes are offline until qmtahost starts again");
 }
 
-void OnError(natsConnection* connection, natsSubscription*, natsStatus status, void*) {
-  const char* text = nullptr;
-  natsConnection_GetLastError(connection, &text);
+void OnError(natsConnection*, natsSubscription*, natsStatus status, void*) {
+  // This thread's own copy of the error's text (see qmtaagent's OnError).
+  const char* text = nats_GetLastError(nullptr);
   Say("server error: " + natsconn::StatusText(status) + (text && *text ? std::string(" (") + text + ")" : ""));
 }
 

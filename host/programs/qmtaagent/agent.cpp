@@ -191,10 +191,11 @@ bool RefusesSubscription(natsStatus status, const char* text) {
          std::string_view(text).find("Subscription") != std::string_view::npos;
 }
 
-void OnError(natsConnection* connection, natsSubscription* subscription, natsStatus status,
-             void* closure) {
-  const char* text = nullptr;
-  natsConnection_GetLastError(connection, &text);
+void OnError(natsConnection*, natsSubscription* subscription, natsStatus status, void* closure) {
+  // The client library hands this thread its own copy of the error's text;
+  // the connection's last error may already be the next one, being written
+  // by the library's reader thread.
+  const char* text = nats_GetLastError(nullptr);
   std::string where;
   if (subscription) where = std::string(" on ") + natsSubscription_GetSubject(subscription);
   if (status == NATS_SLOW_CONSUMER) {
