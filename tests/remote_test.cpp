@@ -366,7 +366,7 @@ TEST_F(Remote, WhatTheModuleGivesUpOnIsEndedOrNeverStartedAndItsLateAnswerDroppe
 TEST_F(Remote, TheServerGoingAwayFailsOpenRequestsAndBothSidesComeBack) {
   ASSERT_TRUE(server_.Start(dir_.path()));
   Write("QMTASITR", "SITNAME=Run DESTNODE=a:N SCRIPT=run ARG1=a;\n");
-  Action("run", "echo started $1; [ \"$1\" = wait ] && sleep 2; exit 3");
+  Action("run", "echo started $1; [ \"$1\" = wait ] && sleep 30; exit 3");
   Child agent, host;
   // The agent comes back well after the host.
   StartAgent(agent, "agent", {"--dir", dir_.path(), "--reconnect-wait", "2000", "a:N"});
@@ -396,6 +396,9 @@ TEST_F(Remote, TheServerGoingAwayFailsOpenRequestsAndBothSidesComeBack) {
                    "QMTA050I ACTION COMPLETED FOR SITNAME=Run DESTNODE=a:N STATE=1 RC=3 REQUESTID=4"}));
   EXPECT_TRUE(Contains(Path("agent.err"), "qmtaagent: lost the connection to the server; reconnecting"));
   EXPECT_FALSE(Contains(Path("agent.err"), "started down"));
+  // The action that the lost connection failed was still running: the host
+  // cancelled it once the agent was back.
+  EXPECT_TRUE(WaitFor("agent.err", "request 2 of \"a:N\" cancelled by the host; ending its program"));
 }
 
 TEST_F(Remote, AgentStopsOnSigtermEndingItsPrograms) {

@@ -2,7 +2,9 @@
 //
 // Threads: Start only queues the action; a publisher thread of the driver
 // sends it (and the cancels of closed requests, and the second tries), so
-// the action thread never waits on the network. Replies come to one
+// the action thread never waits on the network. A request that a lost
+// connection failed may still be with an agent: it is cancelled when the
+// connection is back. Replies come to one
 // wildcard subscription on an inbox of the driver's own
 // ("<inbox>.<token>"), delivered on the client library's thread, which
 // completes the open. Every open waiting for its reply is in `pending`
@@ -56,6 +58,17 @@ struct Pending {
   bool retried = false;  // its one more try after "no responders" is used
 };
 
+// A cancel to publish, and until when it matters (the request's deadline:
+// no agent starts the request after it).
+struct CancelNote {
+  std::string subject;
+  std::string data;
+  Clock::time_point deadline;
+};
+
+// Cancels owed after a lost connection are kept up to this many.
+constexpr size_t kOwedMax = 65536;
+
 // One destination line's connection. Owned by its NatsDriver; left to the
 // client library's callbacks when they may still come after the driver
 // has gone (see ~NatsDriver).
@@ -75,7 +88,13 @@ struct State {
   std::map<uint64_t, Pending> pending;
   std::deque<uint64_t> queue;                          // to send now
   std::multimap<Clock::time_point, uint64_t> retries;  // to send again then
-  std::deque<std::pair<std::string, std::string>> cancels;  // subject, message
+  std::deque<CancelNote> cancels;  // to send now
+  // Cancels for requests that a lost connection failed (answered 2020) or
+  // whose cancel it lost, while an agent may still hold them: sent when the
+  // connection is back and again at `settledAt` (the agents may not have
+  // subscribed yet), each until its request's deadline.
+  std::vector<CancelNote> owed;
+  Clock::time_point owedAgainAt = Clock::time_point::max();
   // "No responders" before then may mean that the agents have not yet
   // subscribed again after the server came back: such a request is tried
   // once more at that time.
@@ -98,6 +117,19 @@ struct State {
 
   std::string ReplySubject(uint64_t token) const { return inbox + "." + std::to_string(token); }
 
+  CancelNote CancelFor(uint64_t token, const Pending& request) const {
+    return {wire::CancelSubject(request.node), wire::EncodeCancel({request.id, ReplySubject(token)}),
+            request.deadline};
+  }
+
+  // Queues the owed cancels whose requests may still start or run; called
+  // with `mutex` held.
+  void SendOwed(Clock::time_point now) {
+    std::erase_if(owed, [now](const CancelNote& note) { return note.deadline <= now; });
+    cancels.insert(cancels.end(), owed.begin(), owed.end());
+    if (!owed.empty()) wake.notify_all();
+  }
+
   // The module closed the request before its answer came: an agent that
   // may have it is told to end it.
   void Close(uint64_t token) {
@@ -105,8 +137,7 @@ struct State {
     auto found = pending.find(token);
     if (found == pending.end()) return;
     if (found->second.sent && !stopping) {
-      cancels.emplace_back(wire::CancelSubject(found->second.node),
-                           wire::EncodeCancel({found->second.id, ReplySubject(token)}));
+      cancels.push_back(CancelFor(token, found->second));
       wake.notify_all();
     }
     pending.erase(found);
@@ -118,20 +149,27 @@ struct State {
       auto due = [this] { return !retries.empty() && retries.begin()->first <= Clock::now(); };
       // A retry added while waiting may fall due before anything wakes
       // the thread: the time to wait is taken again each round.
-      while (!stopping && queue.empty() && cancels.empty() && !due()) {
-        if (retries.empty())
+      while (!stopping && queue.empty() && cancels.empty() && !due() && owedAgainAt > Clock::now()) {
+        Clock::time_point until = std::min(owedAgainAt, retries.empty() ? owedAgainAt : retries.begin()->first);
+        if (until == Clock::time_point::max())
           wake.wait(hold);
         else
-          wake.wait_until(hold, retries.begin()->first);
+          wake.wait_until(hold, until);
       }
       if (stopping) return;
+      if (owedAgainAt <= Clock::now()) {
+        owedAgainAt = Clock::time_point::max();
+        SendOwed(Clock::now());
+      }
       if (!cancels.empty()) {
-        auto [subject, data] = std::move(cancels.front());
+        CancelNote note = std::move(cancels.front());
         cancels.pop_front();
         hold.unlock();
-        // Lost with the connection, the cancel still leaves the agent its
-        // own count of the request's time.
-        natsConnection_Publish(connection, subject.c_str(), data.data(), static_cast<int>(data.size()));
+        // Lost with the connection, the cancel is owed again (see
+        // OnDisconnected); until then the agent keeps its own count of the
+        // request's time.
+        natsConnection_Publish(connection, note.subject.c_str(), note.data.data(),
+                               static_cast<int>(note.data.size()));
         hold.lock();
         continue;
       }
@@ -266,7 +304,8 @@ void OnRepliesDone(void* closure) {
 }
 
 // The connection is gone: nothing that was sent can be answered on it,
-// and nothing is kept to be sent later.
+// and no request is kept to be sent later. What was sent, and the cancels
+// not sent yet, are owed a cancel when the connection is back.
 void OnDisconnected(natsConnection*, void* closure) {
   auto* state = static_cast<State*>(closure);
   std::map<uint64_t, Pending> lost;
@@ -275,7 +314,15 @@ void OnDisconnected(natsConnection*, void* closure) {
     lost.swap(state->pending);
     state->queue.clear();
     state->retries.clear();
+    auto& owed = state->owed;
+    const Clock::time_point now = Clock::now();
+    std::erase_if(owed, [now](const CancelNote& note) { return note.deadline <= now; });
+    for (auto& note : state->cancels) owed.push_back(std::move(note));
     state->cancels.clear();
+    for (const auto& [token, request] : lost)
+      if (request.sent) owed.push_back(state->CancelFor(token, request));
+    if (owed.size() > kOwedMax) owed.erase(owed.begin(), owed.end() - kOwedMax);  // the oldest go
+    state->owedAgainAt = Clock::time_point::max();
   }
   if (exiting && lost.empty()) return;
   Say("lost the connection to " + state->settings.url + (lost.empty() ? "" : "; " +
@@ -283,10 +330,17 @@ void OnDisconnected(natsConnection*, void* closure) {
   for (auto& [token, request] : lost) request.done->Fail(DBQ1_DEST_OFFLINE);
 }
 
-// A new connection: the agents may still be on their way back.
+// A new connection: the agents may still be on their way back. The owed
+// cancels go now and once more when they have had time to subscribe.
 void Settle(State* state) {
   std::lock_guard<std::mutex> hold(state->mutex);
-  state->settledAt = Clock::now() + state->settle;
+  const Clock::time_point now = Clock::now();
+  state->settledAt = now + state->settle;
+  state->SendOwed(now);
+  if (!state->owed.empty()) {
+    state->owedAgainAt = state->settledAt;
+    state->wake.notify_all();
+  }
 }
 
 void OnReconnected(natsConnection*, void* closure) {
