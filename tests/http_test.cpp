@@ -123,6 +123,8 @@ TEST_F(Http, EventsCommandsMetricsAndReadiness) {
             R"({"line":2,"reason":"\"originnode\" holds a double quote"},)"
             R"x({"line":3,"reason":"not an event (commands, drains and reloads go to POST /v1/commands)"},)x"
             R"({"line":4,"reason":"\"sitname\" must be a string"}]})" "\n");
+  // Said on standard error too, as from any other source.
+  EXPECT_NE(Read("err").find("qmtahost: http 2: \"originnode\" holds a double quote\n"), std::string::npos);
   Reply taken = Curl("/v1/events", s + "\r\n");
   EXPECT_EQ(taken.code, 202);
   EXPECT_EQ(taken.body, "{\"taken\":1}\n");
@@ -203,6 +205,11 @@ TEST_F(Http, EventsCommandsMetricsAndReadiness) {
   EXPECT_EQ(unready.code, 503);
   EXPECT_EQ(unready.body, "not ready: no rule table is loaded\n");
   EXPECT_EQ(Metric(Curl("/metrics").body, "qmta_rules_loaded"), -1);  // not counted
+  // The stop's summary counts the lines of the refused body.
+  host_.Kill(SIGTERM);
+  EXPECT_EQ(host_.Finish(30s), 0);
+  EXPECT_NE(Read("err").find(" errors), 4 lines refused,"),
+            std::string::npos) << Read("err");
 }
 
 // A token guards every path but /healthz; TLS through the library with a

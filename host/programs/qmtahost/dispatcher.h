@@ -124,6 +124,9 @@ class Dispatcher {
   void SetIntakeListener(IntakeListener listener) { intake_ = std::move(listener); }
 
   const DispatchCounts& counts() const { return counts_; }
+  // Lines that a source refused itself before they reached the dispatcher
+  // (an HTTP body refused whole): counted with the others. Any thread.
+  void CountRefused(uint64_t lines) { counts_.refused.fetch_add(lines, std::memory_order_relaxed); }
 
  private:
   struct Work {

@@ -31,6 +31,8 @@ using Json = nlohmann::json;
 constexpr size_t kConnectionMemory = 32 * 1024;
 // Refused lines named in a 400 answer; the count says how many there were.
 constexpr size_t kRefusedListed = 1000;
+// Refused lines of one body said on standard error.
+constexpr size_t kRefusedSaid = 10;
 constexpr const char* kRetryAfter = "5";
 constexpr const char* kJsonType = "application/json";
 constexpr const char* kTextType = "text/plain; charset=utf-8";
@@ -517,10 +519,18 @@ HttpServer::Answer HttpServer::Events(const std::string& body) {
       continue;
     }
     metrics_->Refused(SourceKind::kHttp, kind, 1);
+    // As refusals from the other sources are, the first few of a body are
+    // said on standard error too ("http 3: ..."); the answer lists more.
+    if (refusals < kRefusedSaid) host::Say("qmtahost: ", "http " + std::to_string(number) + ": " + reason);
     if (++refusals <= kRefusedListed) refused.push_back({{"line", number}, {"reason", reason}});
   }
   if (refusals > 0) {
     metrics_->Refused(SourceKind::kHttp, RefusalKind::kWithBody, lines.size());
+    dispatcher_->CountRefused(refusals + lines.size());
+    if (refusals > kRefusedSaid)
+      Say(std::to_string(refusals - kRefusedSaid) + " more refused line(s) in the same body");
+    if (!lines.empty())
+      Say(std::to_string(lines.size()) + " good line(s) of the same body refused with it");
     Answer answer;
     answer.status = 400;
     answer.body = Dump({{"error", std::to_string(refusals) + " of " +
