@@ -205,6 +205,12 @@ TEST_F(Tools, ExplainShowsTheCommandsARunSends) {
                                  "    to ops:LOCAL CALLTYPE=0: nodes line 1 \"ops:* sim rc=0\", driver sim"));
   EXPECT_NE(out.end(), std::find(out.begin(), out.end(), "  rule at line 13: SITNAME=Disk_* ORIGINNODE=web* STATE=TRUE"));
   EXPECT_EQ("  no rule matches", out.back());
+  // An event that the host's intake refuses would run nothing.
+  Ran forged = Host("explain -", "{\"sitname\": \"Disk_Low\", \"originnode\": \"web1:LZ\\\" \\\"/etc\", "
+                                 "\"currstate\": 1}\n");
+  EXPECT_EQ(1, forged.status);
+  EXPECT_EQ(Lines{"event 1: refused at intake: \"originnode\" holds a double quote; nothing would run"},
+            forged.out);
   EXPECT_EQ(1, Host("explain '{\"sitname\": 1}'").status);
   EXPECT_EQ(2, Host("explain").status);
 }

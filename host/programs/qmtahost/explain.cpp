@@ -10,13 +10,15 @@
 #include <vector>
 
 #include "host/programs/qmtahost/inputline.h"
+#include "host/programs/qmtahost/intake.h"
 #include "host/programs/qmtahost/ruleload.h"
 #include "qmtauto1/qmtauto1.h"
 
 namespace qmta::hostprog {
 namespace {
 
-constexpr char kExplainUsage[] = "usage: qmtahost explain [--dir DIR] [--nodes FILE] EVENT...\n";
+constexpr char kExplainUsage[] =
+    "usage: qmtahost explain [--dir DIR] [--nodes FILE] [--allow-any-text] EVENT...\n";
 
 // Where the action of `rule` would go.
 std::string Route(const TableEntry& rule, const std::vector<NodesLine>* nodes) {
@@ -80,11 +82,14 @@ void Explain(long number, const Event& event, const RuleLoad& load,
 int RunExplain(int argc, char* const* argv) {
   Words words(argc, argv);
   std::string error;
-  if (words.Read({"--help"}, {"--dir", "--nodes"}, &error) && words.Has("--help")) {
+  if (words.Read({"--help", "--allow-any-text"}, {"--dir", "--nodes"}, &error) && words.Has("--help")) {
     fputs(kExplainUsage, stdout);
     fputs("For each EVENT (a JSON event line; \"-\" reads them from standard input), the\n"
           "rules of DIR/QMTASITR that match, the command each would send and the nodes\n"
-          "line and driver that would take it. Nothing runs (docs/qmtahost.md).\n", stdout);
+          "line and driver that would take it. Nothing runs (docs/qmtahost.md).\n"
+          "An event that qmtahost would refuse at intake (a quote or control character\n"
+          "in its names) is said to be refused, unless --allow-any-text is given, as it\n"
+          "would be to qmtahost.\n", stdout);
     return 0;
   }
   if (error.empty() && words.rest().empty())
@@ -114,6 +119,7 @@ int RunExplain(int argc, char* const* argv) {
                [](const ModuleMessage& message) { fprintf(stderr, "%s\n", message.text.c_str()); });
   fprintf(stderr, "qmtahost: explain: %s: %zu rules loaded\n", file.c_str(), load.rules.size());
 
+  const bool anyText = words.Has("--allow-any-text");
   int status = 0;
   long number = 0;
   auto take = [&](std::string_view text) {
@@ -121,7 +127,14 @@ int RunExplain(int argc, char* const* argv) {
     if (line.kind == InputLine::Kind::kSkip) return;
     ++number;
     if (line.kind == InputLine::Kind::kEvent) {
-      Explain(number, line.event, load, nodesFile ? &nodes : nullptr);
+      // Refused at intake, the event would never reach the module.
+      std::string refused = anyText ? "" : CheckEventText(line.event);
+      if (refused.empty()) {
+        Explain(number, line.event, load, nodesFile ? &nodes : nullptr);
+      } else {
+        printf("event %ld: refused at intake: %s; nothing would run\n", number, refused.c_str());
+        status = 1;
+      }
       return;
     }
     fprintf(stderr, "qmtahost: explain: event %ld: %s\n", number,

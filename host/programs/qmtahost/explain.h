@@ -7,7 +7,7 @@
 
 namespace qmta::hostprog {
 
-// `qmtahost explain [--dir DIR] [--nodes FILE] EVENT...`; argv[0] is
+// `qmtahost explain [--dir DIR] [--nodes FILE] [--allow-any-text] EVENT...`; argv[0] is
 // "explain". EVENT is an event line as qmtahost reads it; "-" reads event
 // lines from standard input. Returns the exit status: 0, 1 when the rule
 // file or an event could not be read, 2 for a usage error.

@@ -28,7 +28,7 @@ const char kHelp[] =
     "       qmtahost send [--nats URL] [--subject SUBJECT] [CREDENTIALS] EVENT...\n"
     "       qmtahost check [--strict] [--json] [--max-size BYTES] [--actions DIR]\n"
     "                      [--nodes FILE] [FILE]\n"
-    "       qmtahost explain [--dir DIR] [--nodes FILE] EVENT...\n"
+    "       qmtahost explain [--dir DIR] [--nodes FILE] [--allow-any-text] EVENT...\n"
     "       qmtahost history [--journal FILE] [--since D|TIME] [--sitname P] [--node P]\n"
     "                        [--failed] [--request ID|RUN:ID] [--json]\n"
     "Runs the automation module on the events and operator commands of INPUT\n"
