@@ -250,7 +250,8 @@ TEST_F(Remote, ActionsRunOnTheAgentsOfTheirNodesOrFindNoneThere) {
         "SITNAME=Fail DESTNODE=web1:LZ SCRIPT=/bin/sh ARG1=a;\n"
         "SITNAME=Gone DESTNODE=SYS1:MVS_ACTIONS SCRIPT=code;\n"
         "SITNAME=Lost DESTNODE=nowhere:N SCRIPT=code;\n"
-        "SITNAME=Old DESTNODE=old:N SCRIPT=code;\n");
+        "SITNAME=Old DESTNODE=old:N SCRIPT=code;\n"
+        "SITNAME=Ctl DESTNODE=web1:LZ SCRIPT=args ARG1=a;\n");
   Action("args", "printf '%s\\0' \"$@\" > argv.$QMTA_REQUESTID\n"
                  "echo \"$QMTA_REQUESTID $QMTA_CALLTYPE $QMTA_NODE $PATH\"");
   Action("code", "echo \"node $QMTA_NODE\"; exit $1");
@@ -262,10 +263,13 @@ TEST_F(Remote, ActionsRunOnTheAgentsOfTheirNodesOrFindNoneThere) {
   Client old;
   ASSERT_TRUE(old.Connect(server_.Url()));
   natsSubscription* requests = old.Subscribe("qmta.node.old_3AN");
-  StartHost(host, "* nats url=" + server_.Url() + Auth() + "\n", {"--journal", Path("j.db")});
+  // With the intake's check off, a command with a line end is still
+  // never sent (Ctl).
+  StartHost(host, "* nats url=" + server_.Url() + Auth() + "\n",
+            {"--journal", Path("j.db"), "--allow-any-text"});
   host.Send(Event("One", R"j([["a", "$(touch x)"], ["b", "`touch y`; touch z"], ["c", "a\"b c"]])j") +
             Event("Two", R"([["a", "7"]])") + Event("Fail", R"([["a", "touch x"]])") + Event("Gone") +
-            Event("Lost") + Event("Old"));
+            Event("Lost") + Event("Old") + Event("Ctl", R"([["a", "x\ny"]])"));
   std::string reply, timeLeft;
   EXPECT_TRUE(old.Next(requests, 5s, &reply, &timeLeft).starts_with("QMTA1 REQ 6 0 5 "));
   // The module waits 60 s from the open: a little less is left.
@@ -284,7 +288,10 @@ TEST_F(Remote, ActionsRunOnTheAgentsOfTheirNodesOrFindNoneThere) {
                                              " for request 6 that names request 7 (1 refused so far)"));
   EXPECT_EQ(Matching("QMTA051W"),
             Lines{"QMTA051W DESTNODE=SYS1:MVS_ACTIONS OFFLINE FOR SITNAME=Gone ORIGINNODE=o STATE=1 REQUESTID=4"});
-  EXPECT_EQ(Matching("QMTA030E"), Lines{"QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=2020"});
+  EXPECT_EQ(Matching("QMTA030E"), (Lines{"QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=105",
+                                          "QMTA030E SELECT SQL ERROR ON ASYNCH OPEN COMPLETE STATUS=2020"}));
+  EXPECT_TRUE(Contains(Path("host.err"), "qmtahost: nats: refused request 7 for qmta.node.web1_3ALZ: "
+                                         "the command holds a control character"));
   // The arguments arrive as plain text; nothing of them was run.
   EXPECT_EQ(ReadFile(Path("argv.1")),
             std::string("$(touch x)") + '\0' + "`touch y`; touch z" + '\0' + "a'b c" + '\0');

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "host/common/files.h"
+#include "host/common/text.h"
 #include "host/drivers/local/internal.h"
 
 namespace qmta::host {
@@ -22,13 +23,10 @@ bool SplitCommand(std::string_view command, std::vector<std::string>* words,
     *error = "the command holds a NUL character";
     return false;
   }
-  // The host's intake keeps control characters out of events; with that
-  // check off (--allow-any-text) they are still never handed to a program.
-  for (char c : command) {
-    if ((static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7f) {
-      *error = "the command holds a control character";
-      return false;
-    }
+  // Never handed to a program, whatever the intake let through.
+  if (HoldsControlCharacter(command)) {
+    *error = "the command holds a control character";
+    return false;
   }
   bool inWord = false, quoted = false;
   for (char c : command) {

@@ -28,6 +28,7 @@
 
 #include "host/common/number.h"
 #include "host/common/say.h"
+#include "host/common/text.h"
 #include "host/drivers/nats/connect.h"
 #include "host/drivers/nats/wire.h"
 #include "platform/dbq1.h"
@@ -56,6 +57,9 @@ struct Pending {
   Clock::time_point deadline;
   bool sent = false;     // published, not yet answered
   bool retried = false;  // its one more try after "no responders" is used
+  // Never sent to an agent, whatever the host's intake let through: the
+  // publisher answers it with status 105.
+  bool controlCharacter = false;
 };
 
 // A cancel to publish, and until when it matters (the request's deadline:
@@ -192,6 +196,17 @@ struct State {
         continue;
       }
       std::string subject = wire::NodeSubject(request.node);
+      if (request.controlCharacter) {
+        auto done = std::move(request.done);
+        const uint32_t id = request.id;
+        pending.erase(found);
+        hold.unlock();
+        Say("refused request " + std::to_string(id) + " for " + subject +
+            ": the command holds a control character");
+        done->Fail(DBQ1_BAD_PARAMETER);
+        hold.lock();
+        continue;
+      }
       if (natsConnection_Status(connection) != NATS_CONN_STATUS_CONNECTED) {
         auto done = std::move(request.done);
         pending.erase(found);
@@ -413,8 +428,10 @@ class NatsDriver final : public Driver {
     {
       std::lock_guard<std::mutex> hold(state.mutex);
       token = state.nextToken++;
-      state.pending.emplace(token, Pending{done, action.requestId, action.destination,
-                                           wire::EncodeRequest(request), action.deadline});
+      Pending& pending = state.pending.emplace(token, Pending{done, action.requestId, action.destination,
+                                                              wire::EncodeRequest(request), action.deadline})
+                             .first->second;
+      pending.controlCharacter = HoldsControlCharacter(action.command);
       state.queue.push_back(token);
       state.wake.notify_all();
     }
