@@ -60,7 +60,8 @@ bool Set(std::string_view key, std::string_view value, Settings* settings, std::
   return false;
 }
 
-bool Check(const Settings& settings, std::string* error, std::string_view risk) {
+bool Check(const Settings& settings, std::string* error, std::string_view insecure,
+           std::string_view risk) {
   if (settings.url.empty()) {
     *error = "no url";
     return false;
@@ -84,7 +85,7 @@ bool Check(const Settings& settings, std::string* error, std::string_view risk) 
   if (settings.user.empty() && settings.creds.empty() && settings.tlsCert.empty() &&
       !settings.insecure) {
     *error = "no client credentials (user and password-file, creds, or tls-cert and tls-key): "
-             "without them " + std::string(risk) + "; insecure connects without";
+             "without them " + std::string(risk) + "; " + std::string(insecure) + " connects without";
     return false;
   }
   return true;

@@ -31,9 +31,10 @@ bool Set(std::string_view key, std::string_view value, Settings* settings, std::
 // Checks that the settings go together (a URL, certificate with key, user
 // with password file, at most one kind of credentials) and that they hold
 // client credentials unless `insecure` is set: server-side TLS alone still
-// lets any client of the server answer for any node. `risk` says what a
-// connection without them would allow, in the refusal.
-bool Check(const Settings& settings, std::string* error,
+// lets any client of the server answer for any node. The refusal names
+// `insecure`, the caller's spelling of the option that allows it, and says
+// what a connection without them would allow (`risk`).
+bool Check(const Settings& settings, std::string* error, std::string_view insecure,
            std::string_view risk = "any client of the server can answer for any node");
 
 // What the client library calls back on its own threads about one

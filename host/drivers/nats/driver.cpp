@@ -470,7 +470,7 @@ bool ReadSettings(const std::vector<std::string>& options, State* state, std::st
       return false;
     }
   }
-  return natsconn::Check(*settings, reason);
+  return natsconn::Check(*settings, reason, "the option insecure");
 }
 
 std::unique_ptr<Driver> MakeDriver(const std::vector<std::string>& options, std::string* error) {

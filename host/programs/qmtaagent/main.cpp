@@ -156,7 +156,7 @@ bool ParseOptions(int argc, char** argv, Options* options, std::string* error) {
       return false;
     }
   }
-  return conn::Check(options->settings, error);
+  return conn::Check(options->settings, error, "--insecure");
 }
 
 void Say(const std::string& text) { qmta::host::Say("qmtaagent: ", text); }

@@ -83,7 +83,7 @@ bool CheckEventsSettings(const EventsSettings& settings, std::string* error) {
     *error = "--events-nats needs --events-stream and --events-subject";
     return false;
   }
-  if (!conn::Check(settings.connection, error,
+  if (!conn::Check(settings.connection, error, "--events-insecure",
                    "any client of the server can make this host run actions")) {
     *error = "--events-nats: " + *error;
     return false;

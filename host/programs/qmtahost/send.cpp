@@ -101,7 +101,7 @@ bool ParseSendOptions(int argc, char** argv, SendOptions* options, std::string* 
     return false;
   }
   if (options->settings.url.empty()) options->settings.url = "nats://127.0.0.1:4222";
-  return conn::Check(options->settings, error,
+  return conn::Check(options->settings, error, "--insecure",
                      "the server cannot tell this sender from any other client");
 }
 
