@@ -105,7 +105,11 @@ TEST_F(Tools, CheckPrintsWhatARefreshPrintsAndItsStatusFollows) {
   EXPECT_EQ(2, Host("check --max-size lots rules").status);
   EXPECT_EQ(2, Host("check --frobnicate rules").status);
   EXPECT_EQ(2, Host("check a b").status);
-  EXPECT_EQ(0, Host("check --help").status);
+  EXPECT_EQ(2, Host("check -x rules").status);  // not taken for a file name
+  EXPECT_EQ(0, Host("check -h").status);
+  // What it found is lost with its output: no success then.
+  EXPECT_EQ(1, Host("check --json rules >/dev/full 2>full.txt; :").status);
+  EXPECT_NE(std::string::npos, Slurp("full.txt").find("qmtahost: check: cannot write standard output"));
 }
 
 TEST_F(Tools, CheckJsonCarriesLinesRulesAndTheHostsWarnings) {

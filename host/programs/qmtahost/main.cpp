@@ -160,6 +160,11 @@ int RunCtl(int argc, char** argv) {
             "Exit status: 0 every line taken, 1 a line refused, 2 no host answers.\n",
             stdout);
       return 0;
+    } else if (word.starts_with("--")) {  // no line of the host begins so
+      host::SayUsageError("qmtahost ctl",
+                          word == "--control" ? "--control needs a path" : "unknown option \"" + word + "\"",
+                          "usage: qmtahost ctl [--control PATH] LINE...\n");
+      return kUsageError;
     } else {
       lines.push_back(word);
     }
@@ -229,6 +234,15 @@ int Run(const Options& options, bool stdoutClosed) {
   return status;
 }
 
+// An operator tool's exit status, once what it printed has reached
+// standard output: a tool whose output was lost (a full disk, a closed
+// pipe) says so and fails, whatever it found.
+int Written(const char* tool, int status) {
+  if (fflush(stdout) == 0 && !ferror(stdout)) return status;
+  host::Say("qmtahost: ", std::string(tool) + ": cannot write standard output: " + host::ErrorText(errno));
+  return status == 0 ? 1 : status;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -240,11 +254,13 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);  // a closed output is reported as an error, not fatal
 
   // The operator tools: own processes that never load the module.
-  if (argc > 1 && strcmp(argv[1], "check") == 0) return RunCheck(argc - 1, argv + 1);
-  if (argc > 1 && strcmp(argv[1], "explain") == 0) return RunExplain(argc - 1, argv + 1);
-  if (argc > 1 && strcmp(argv[1], "ctl") == 0) return RunCtl(argc - 1, argv + 1);
-  if (argc > 1 && strcmp(argv[1], "send") == 0) return RunSend(argc - 1, argv + 1);
-  if (argc > 1 && strcmp(argv[1], "history") == 0) return RunHistory(argc - 1, argv + 1);
+  if (argc > 1 && strcmp(argv[1], "check") == 0) return Written("check", RunCheck(argc - 1, argv + 1));
+  if (argc > 1 && strcmp(argv[1], "explain") == 0)
+    return Written("explain", RunExplain(argc - 1, argv + 1));
+  if (argc > 1 && strcmp(argv[1], "ctl") == 0) return Written("ctl", RunCtl(argc - 1, argv + 1));
+  if (argc > 1 && strcmp(argv[1], "send") == 0) return Written("send", RunSend(argc - 1, argv + 1));
+  if (argc > 1 && strcmp(argv[1], "history") == 0)
+    return Written("history", RunHistory(argc - 1, argv + 1));
 
   // Before any thread starts; action programs get the limit as it was.
   host::RaiseDescriptorLimit();

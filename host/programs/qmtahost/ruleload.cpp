@@ -358,8 +358,13 @@ bool Words::Read(const std::vector<std::string>& flags, const std::vector<std::s
       rest_.insert(rest_.end(), words_.begin() + i + 1, words_.end());
       break;
     }
-    if (!word.starts_with("--")) {
-      rest_.push_back(word);
+    if (word == "-h" && known(flags, "--help")) {
+      given_.emplace_back("--help", "");
+    } else if (!word.starts_with("-") || word == "-") {
+      rest_.push_back(word);  // "-": standard input
+    } else if (!word.starts_with("--")) {
+      *error = "unknown option \"" + word + "\" (a name that begins with \"-\" goes after \"--\")";
+      return false;
     } else if (equals == std::string::npos && known(flags, word)) {
       given_.emplace_back(word, "");
     } else if (known(valued, name)) {
