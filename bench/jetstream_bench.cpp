@@ -278,8 +278,8 @@ void Latency(benchmark::State& state, bool jetstream) {
 }
 
 void StartServer() {
-  const std::string program = "/usr/sbin/nats-server";
-  if (access(program.c_str(), X_OK) != 0)
+  const std::string program = qmtatest::ProgramIn("nats-server");
+  if (program.empty())
     throw std::runtime_error("nats-server is not installed (Debian nats-server)");
   const int port = qmtatest::FreePort();
   setup.url = "nats://127.0.0.1:" + std::to_string(port);

@@ -51,8 +51,8 @@ void CountCommands(const std::string& path, std::map<int, int>* seen, int* lines
 // events are refused once and never redelivered; `send` fails when no
 // stream takes its subject.
 TEST(JetStream, HostsShareAStreamAndAKilledHostsEventsGoToTheOther) {
-  const std::string server = "/usr/sbin/nats-server";
-  ASSERT_EQ(access(server.c_str(), X_OK), 0) << "nats-server is not installed (Debian nats-server)";
+  const std::string server = qmtatest::ProgramIn("nats-server");
+  ASSERT_FALSE(server.empty()) << "nats-server is not installed (Debian nats-server; tools/setup installs it)";
   qmtatest::ScratchDir scratch;
   const std::string dir = scratch.path();
   const int port = FreePort();

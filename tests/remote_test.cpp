@@ -40,11 +40,7 @@ bool Contains(const std::string& path, const std::string& text) {
   return ReadFile(path).find(text) != std::string::npos;
 }
 
-std::string ProgramIn(const char* name) {
-  for (const char* dir : {"/usr/sbin/", "/usr/bin/", "/usr/local/bin/"})
-    if (access((std::string(dir) + name).c_str(), X_OK) == 0) return std::string(dir) + name;
-  return "";
-}
+using qmtatest::ProgramIn;
 
 std::string ServerProgram() { return ProgramIn("nats-server"); }
 

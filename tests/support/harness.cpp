@@ -132,4 +132,17 @@ int FreePort() {
   return ntohs(address.sin_port);
 }
 
+std::string ProgramIn(const std::string& name) {
+  std::string dirs = "/usr/sbin:/usr/bin:/usr/local/bin";
+  if (const char* path = getenv("PATH")) dirs += std::string(":") + path;
+  for (size_t start = 0; start <= dirs.size();) {
+    size_t end = dirs.find(':', start);
+    if (end == std::string::npos) end = dirs.size();
+    std::string candidate = dirs.substr(start, end - start) + "/" + name;
+    if (end > start && access(candidate.c_str(), X_OK) == 0) return candidate;
+    start = end + 1;
+  }
+  return "";
+}
+
 }  // namespace qmtatest

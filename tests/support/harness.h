@@ -85,6 +85,10 @@ class Module {
 // it before the caller binds it).
 int FreePort();
 
+// The path of program `name` (nats-server, openssl) in the folders that
+// Debian installs programs in, then the PATH; empty when it is in none.
+std::string ProgramIn(const std::string& name);
+
 }  // namespace qmtatest
 
 #endif  // TESTS_SUPPORT_HARNESS_H_
