@@ -4,16 +4,15 @@
 
 #include <string>
 
+#include "host/common/text.h"
+
 namespace qmta::host {
 
 void Say(std::string_view who, std::string_view text) {
   std::string line;
   line.reserve(who.size() + text.size() + 1);
   line += who;
-  for (char c : text) {
-    auto byte = static_cast<unsigned char>(c);
-    line += (byte < 0x20 && c != '\t') || byte == 0x7f ? '?' : c;
-  }
+  for (char c : text) line += IsControlCharacter(c) ? '?' : c;
   line += '\n';
   flockfile(stderr);
   fwrite(line.data(), 1, line.size(), stderr);

@@ -1,5 +1,6 @@
-// Text checks shared by the drivers that hand an action's command on:
-// the local driver (to a program) and the nats driver (to an agent).
+// Control characters in text from outside: what the host's logger makes
+// visible, and what the drivers that hand an action's command on (the
+// local driver to a program, the nats driver to an agent) refuse.
 #ifndef HOST_COMMON_TEXT_H_
 #define HOST_COMMON_TEXT_H_
 
@@ -7,12 +8,17 @@
 
 namespace qmta::host {
 
-// True when `text` holds a control character other than tab (C0, NUL
-// included, or DEL). The host's intake keeps them out of events; with that
-// check off (--allow-any-text) the drivers still refuse such a command.
+// A C0 control character other than tab (NUL and line ends included), or DEL.
+inline bool IsControlCharacter(char c) {
+  return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7f;
+}
+
+// True when `text` holds one. The host's intake keeps them out of events;
+// with that check off (--allow-any-text) the drivers still refuse such a
+// command.
 inline bool HoldsControlCharacter(std::string_view text) {
   for (char c : text)
-    if ((static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7f) return true;
+    if (IsControlCharacter(c)) return true;
   return false;
 }
 

@@ -14,6 +14,7 @@
 
 #include "host/common/number.h"
 #include "host/common/say.h"
+#include "host/common/text.h"
 #include "host/programs/qmtahost/journal.h"
 
 namespace qmta::hostprog {
@@ -88,7 +89,7 @@ std::string TimeText(double seconds, bool iso) {
 // what a program printed cannot drive the operator's terminal.
 std::string Printable(std::string text) {
   for (char& c : text)
-    if ((static_cast<unsigned char>(c) < 0x20 && c != '\t' && c != '\n') || c == 0x7f) c = '?';
+    if (host::IsControlCharacter(c) && c != '\n') c = '?';
   return text;
 }
 

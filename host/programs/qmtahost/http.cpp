@@ -44,17 +44,14 @@ std::string Dump(const Json& value) {
   return value.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-// libmicrohttpd's own messages (its format, its values), one line each:
-// the first line of a message (some carry the error page they answered
-// with), control characters that a client may have sent made visible.
+// libmicrohttpd's own messages (its format, its values): the first line of
+// each (some carry the error page they answered with). Say makes control
+// characters that a client may have sent visible.
 void Log(void*, const char* format, va_list values) {
   char text[512];
   vsnprintf(text, sizeof text, format, values);
   std::string_view message(text);
-  std::string line(message.substr(0, message.find_first_of("\r\n")));
-  for (char& c : line)
-    if ((static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7f) c = '?';
-  Say(line);
+  Say(std::string(message.substr(0, message.find_first_of("\r\n"))));
 }
 
 std::string AddressText(const sockaddr_storage& address, uint16_t port) {

@@ -234,12 +234,25 @@ int Run(const Options& options, bool stdoutClosed) {
   return status;
 }
 
-// An operator tool's exit status, once what it printed has reached
+// The operator tools: own processes that never load the module.
+struct Tool {
+  const char* name;
+  int (*run)(int argc, char** argv);
+};
+constexpr Tool kTools[] = {{"check", [](int argc, char** argv) { return RunCheck(argc, argv); }},
+                           {"explain", [](int argc, char** argv) { return RunExplain(argc, argv); }},
+                           {"ctl", RunCtl},
+                           {"send", RunSend},
+                           {"history", RunHistory}};
+
+// Runs `tool` and returns its exit status once what it printed has reached
 // standard output: a tool whose output was lost (a full disk, a closed
 // pipe) says so and fails, whatever it found.
-int Written(const char* tool, int status) {
+int RunTool(const Tool& tool, int argc, char** argv) {
+  const int status = tool.run(argc, argv);
   if (fflush(stdout) == 0 && !ferror(stdout)) return status;
-  host::Say("qmtahost: ", std::string(tool) + ": cannot write standard output: " + host::ErrorText(errno));
+  // errno: that of the write that failed, unless a later call changed it.
+  host::Say("qmtahost: ", std::string(tool.name) + ": cannot write standard output: " + host::ErrorText(errno));
   return status == 0 ? 1 : status;
 }
 
@@ -253,14 +266,9 @@ int main(int argc, char** argv) {
   EnsureStandardDescriptors();
   signal(SIGPIPE, SIG_IGN);  // a closed output is reported as an error, not fatal
 
-  // The operator tools: own processes that never load the module.
-  if (argc > 1 && strcmp(argv[1], "check") == 0) return Written("check", RunCheck(argc - 1, argv + 1));
-  if (argc > 1 && strcmp(argv[1], "explain") == 0)
-    return Written("explain", RunExplain(argc - 1, argv + 1));
-  if (argc > 1 && strcmp(argv[1], "ctl") == 0) return Written("ctl", RunCtl(argc - 1, argv + 1));
-  if (argc > 1 && strcmp(argv[1], "send") == 0) return Written("send", RunSend(argc - 1, argv + 1));
-  if (argc > 1 && strcmp(argv[1], "history") == 0)
-    return Written("history", RunHistory(argc - 1, argv + 1));
+  if (argc > 1)
+    for (const Tool& tool : kTools)
+      if (strcmp(argv[1], tool.name) == 0) return RunTool(tool, argc - 1, argv + 1);
 
   // Before any thread starts; action programs get the limit as it was.
   host::RaiseDescriptorLimit();
